@@ -1,0 +1,307 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "canstack/internalcontrolfunction.h"
+#include "canstack/networkmanagement.h"
+#include "canstack/networkmanagementmemorypool.h"
+#include "simulated_bus.h"
+
+namespace {
+using NM = NetworkManagementClass;
+const char* const OWNER = "Internal Control Function";
+
+std::vector<uint8_t> nameBytes(uint64_t name) {
+    std::vector<uint8_t> bytes(8);
+    NAMEClass(name).toBytes(bytes.data());
+    return bytes;
+}
+
+// Steps single updates until the state is reached; false after `limit` ms.
+bool runUntilState(SimulatedBus& bus, InternalControlFunctionClass& cf, ClaimState state,
+                   uint32_t limit = 3000) {
+    for (uint32_t t = 0; t < limit; t += 10) {
+        if (cf.getClaimState() == state) {
+            return true;
+        }
+        bus.advance(10);
+        bus.update();
+    }
+    return cf.getClaimState() == state;
+}
+}  // namespace
+
+void claimFreeFirstAddress(uint32_t startTime) {
+    SimulatedBus bus;
+    SimulatedBus::now() = startTime;
+    TestInternalControlFunction self(testNAME(1234), 0, {0x80, 0x81});
+    const uint32_t start = SimulatedBus::now();
+    uint32_t claimedAt = 0;
+    for (uint32_t t = 0; t < 2000 && claimedAt == 0; t += 5) {
+        bus.update();
+        if (self.getClaimState() != CLAIM_STATE_CLAIMED) {
+            EXPECT_FALSE(self.isAddressValid());
+        } else {
+            claimedAt = SimulatedBus::now();
+        }
+        bus.advance(5);
+    }
+    ASSERT_NE(claimedAt, 0u);
+    EXPECT_GE(claimedAt - start, self.getRandomDelay() + 500u);
+    EXPECT_TRUE(self.isAddressValid());
+    EXPECT_EQ(self.getAddress(), 0x80);
+    EXPECT_EQ(NM::getControlFunction(0, 0x80), &self);
+    EXPECT_EQ(self.claimedCount, 1);
+    EXPECT_EQ(self.startCount, 1);
+
+    ASSERT_EQ(bus.frames.size(), 2u);
+    EXPECT_EQ(bus.frames[0].identifier, 0x18EAFFFEu);
+    EXPECT_EQ(bus.frames[0].data, (std::vector<uint8_t>{0x00, 0xEE, 0x00}));
+    EXPECT_EQ(bus.frames[1].identifier, 0x18EEFF80u);
+    EXPECT_EQ(bus.frames[1].data, nameBytes(testNAME(1234)));
+    EXPECT_TRUE(bus.frames[1].immediate);
+}
+
+TEST(CanStackAddressClaim, FreeFirstAddressIsHeldAfterDelayAndTwoHolds) {
+    claimFreeFirstAddress(1000);
+}
+
+TEST(CanStackAddressClaim, TimersWorkAcrossTheClockWrap) {
+    claimFreeFirstAddress(0xFFFFFF00u);
+}
+
+TEST(CanStackAddressClaim, RandomDelayStaysWithinRange) {
+    for (uint32_t identity = 0; identity < 300; ++identity) {
+        TestInternalControlFunction cf(testNAME(identity * 7919u), 0, {0x80});
+        EXPECT_LE(cf.getRandomDelay(), 153);
+    }
+}
+
+TEST(CanStackAddressClaim, NotSelfConfigurableEndsIdleAfterCannotClaim) {
+    SimulatedBus bus;
+    bus.update();
+    bus.receiveClaim(0, 0x80, testNAME(1, 1, false));  // lower NAME than ours
+    TestInternalControlFunction self(testNAME(50, 151, false), 0, {0x80, 0x81});
+    ASSERT_TRUE(self.setPreferredAddress(0x80));
+    ASSERT_TRUE(runUntilState(bus, self, CLAIM_STATE_IDLE));
+    EXPECT_EQ(descriptionCount(OWNER, "Cannot Find a Valid Address, Not Self Configurable"), 1u);
+    const std::vector<SentFrame> claims = bus.framesWithPGN(0xEE00);
+    ASSERT_EQ(claims.size(), 1u);
+    EXPECT_EQ(claims[0].source(), 254);
+    EXPECT_EQ(self.getAddress(), 254);
+    // A request for address claim brings the cannot-claim message again.
+    bus.receive(0, 0x18EAFF80u, {0x00, 0xEE, 0x00});
+    bus.run(30);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), 2u);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_IDLE);
+}
+
+TEST(CanStackAddressClaim, SelfConfigurableWalksItsListThenContestsByNAME) {
+    SimulatedBus bus;
+    bus.update();
+    bus.receiveClaim(0, 0x80, testNAME(1));
+    bus.receiveClaim(0, 0x81, testNAME(2));
+    TestInternalControlFunction walker(testNAME(100), 0, {0x80, 0x81, 0x82});
+    ASSERT_TRUE(bus.runUntilClaimed(walker));
+    EXPECT_EQ(walker.getAddress(), 0x82);
+
+    // Every address taken: the list starts over at index 0 and wins there by NAME.
+    bus.receiveClaim(1, 0x80, testNAME(200));
+    bus.receiveClaim(1, 0x81, testNAME(201));
+    TestInternalControlFunction contender(testNAME(150), 1, {0x80, 0x81});
+    ASSERT_TRUE(bus.runUntilClaimed(contender));
+    EXPECT_EQ(contender.getAddress(), 0x80);
+    EXPECT_EQ(NM::getControlFunction(1, 0x80), &contender);
+    ControlFunctionClass* loser = nullptr;
+    ASSERT_TRUE(NM::findControlFunctionByNAME(NAMEClass(testNAME(200)), 1, loser));
+    EXPECT_EQ(loser->getAddress(), 254);
+    EXPECT_TRUE(NM::isLostDevice(loser));
+}
+
+TEST(CanStackAddressClaim, OnlyANumericallyLowerNAMEWinsTheContest) {
+    struct Case {
+        int64_t occupantOffset;
+        bool wins;
+    };
+    for (const Case c : {Case{-1, false}, Case{0, false}, Case{1, true}}) {
+        SimulatedBus bus;
+        bus.update();
+        const uint64_t own = testNAME(100, 151, false);
+        UnregisteredControlFunctionClass occupant(
+            NAMEClass(static_cast<uint64_t>(static_cast<int64_t>(own) + c.occupantOffset)), 0x80,
+            0);
+        NM::controlFunctionTable[0][0x80] = &occupant;
+        TestInternalControlFunction self(own, 0, {0x80});
+        const bool claimed = bus.runUntilClaimed(self, 2000);
+        EXPECT_EQ(claimed, c.wins) << c.occupantOffset;
+        EXPECT_EQ(self.getClaimState(), c.wins ? CLAIM_STATE_CLAIMED : CLAIM_STATE_IDLE);
+        NM::controlFunctionTable[0][0x80] = nullptr;
+        NM::removeLostDevice(&occupant);
+    }
+}
+
+TEST(CanStackAddressClaim, ContestInClaimedStateWonByLowerNAME) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80, 0x81});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    const size_t before = bus.framesWithPGN(0xEE00).size();
+    bus.receiveClaim(0, 0x80, testNAME(300));  // weaker NAME takes our column
+    EXPECT_EQ(self.getAddress(), 254);
+    bus.run(10);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), before);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_LOST_ADDRESS);
+    bus.run(10);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), before + 1);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT);
+    bus.run(10);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_CLAIMED);
+    EXPECT_EQ(self.getAddress(), 0x80);
+    EXPECT_EQ(NM::getControlFunction(0, 0x80), &self);
+    EXPECT_EQ(self.claimedCount, 2);
+}
+
+TEST(CanStackAddressClaim, ContestInClaimedStateLostRestartsFromRequest) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80, 0x81});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receiveClaim(0, 0x80, testNAME(5));  // stronger NAME
+    bus.run(10);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_LOST_ADDRESS);
+    bus.run(10);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SEND_REQUEST);
+    EXPECT_EQ(self.getAddressIndex(), 0);
+    const size_t requests = bus.framesWithPGN(0xEA00).size();
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    EXPECT_EQ(bus.framesWithPGN(0xEA00).size(), requests + 1);
+    EXPECT_EQ(bus.framesWithPGN(0xEA00).back().source(), 254);
+    EXPECT_EQ(self.getAddress(), 0x81);
+}
+
+TEST(CanStackAddressClaim, RequestChangeAddressByState) {
+    SimulatedBus bus;
+    bus.update();
+    bus.receiveClaim(0, 0x90, testNAME(1));
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(runUntilState(bus, self, CLAIM_STATE_CLAIM_PERIOD));
+    EXPECT_FALSE(self.requestChangeAddress(0x85));
+    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Invalid State Machine State"),
+              1u);
+    ASSERT_TRUE(runUntilState(bus, self, CLAIM_STATE_CLAIMED));
+
+    // The candidate itself: refused, yet the claim goes out again.
+    const size_t claims = bus.framesWithPGN(0xEE00).size();
+    EXPECT_FALSE(self.requestChangeAddress(0x80));
+    bus.run(10);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
+
+    EXPECT_FALSE(self.requestChangeAddress(0x90));
+    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Address Already In Use"), 1u);
+    EXPECT_FALSE(self.requestChangeAddress(254));
+    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Invalid Address"), 1u);
+
+    ASSERT_TRUE(self.requestChangeAddress(0x85));
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
+    EXPECT_EQ(self.getAddress(), 0x80);  // held until the new claim reaches the table
+    bus.run(10);
+    EXPECT_EQ(self.getAddress(), 0x85);
+    EXPECT_EQ(NM::getControlFunction(0, 0x85), &self);
+    EXPECT_EQ(NM::getControlFunction(0, 0x80), nullptr);
+}
+
+TEST(CanStackAddressClaim, PreferredAddressOnlyBeforeTheFirstStep) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    EXPECT_TRUE(self.setPreferredAddress(0x70));
+    EXPECT_EQ(self.getCandidateAddress(), 0x70);
+    EXPECT_TRUE(self.setPreferredAddress(0xFF));
+    EXPECT_EQ(self.getCandidateAddress(), 254);
+    bus.update();
+    EXPECT_FALSE(self.setPreferredAddress(0x70));
+    EXPECT_EQ(descriptionCount(OWNER, "Setting Preferred Address Failed"), 1u);
+    EXPECT_EQ(self.getCandidateAddress(), 0x80);
+}
+
+TEST(CanStackAddressClaim, RequestForAddressClaimIsAnswered) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    const size_t claims = bus.framesWithPGN(0xEE00).size();
+    bus.receive(0, 0x18EA8033u, {0x00, 0xEE, 0x00});  // addressed to us
+    EXPECT_TRUE(self.isClaimRequested());
+    bus.run(10);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
+    EXPECT_FALSE(self.isClaimRequested());
+    bus.receive(0, 0x18EAFFFEu, {0x00, 0xEE, 0x00});  // global, from the null address
+    EXPECT_TRUE(self.isClaimRequested());
+    bus.receive(0, 0x18EA3333u, {0x00, 0xEE, 0x00});  // for someone else
+    bus.run(10);
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 2);
+    bus.receive(0, 0x18EAFF33u, {0x00, 0xEE});  // too short
+    EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in PGN Request"), 1u);
+}
+
+TEST(CanStackAddressClaim, CommandedAddressMovesTheFunction) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receiveClaim(0, 0x20, testNAME(1));
+    ControlFunctionClass* commander = NM::getControlFunction(0, 0x20);
+    std::vector<uint8_t> command = nameBytes(testNAME(100));
+    command.push_back(0x99);
+    uint32_t handle = 0;
+    NetworkManagementMemoryPoolClass& pool =
+        NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL;
+    ASSERT_TRUE(pool.acquireBuffer(9, handle));
+    pool.writeBuffer(handle, command.data(), 0, 9);
+    CANLongMessageClass message(0xFED8, handle, nullptr, 9, commander, nullptr, "test");
+    ASSERT_TRUE(message.isValid());
+    NM::receiveMessage(&message);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
+    bus.run(10);
+    EXPECT_EQ(self.getAddress(), 0x99);
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+
+    self.acceptCommands = false;
+    command[8] = 0x98;
+    pool.writeBuffer(handle, command.data(), 0, 9);
+    NM::receiveMessage(&message);
+    bus.run(10);
+    EXPECT_EQ(self.getAddress(), 0x99);
+    pool.releaseBuffer(handle);
+}
+
+TEST(CanStackAddressClaim, SomeoneElseUsingOurAddressRaisesTheFlags) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receive(0, 0x18FEF180u, {1, 2, 3});
+    EXPECT_TRUE(self.getAddressConflictSeen());
+    EXPECT_FALSE(self.getClaimConflictSeen());
+    EXPECT_TRUE(self.isClaimRequested());
+}
+
+TEST(CanStackAddressClaim, DisabledFunctionLeavesTheTable) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    self.setEnabled(false);
+    bus.run(10);
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_START);
+    EXPECT_EQ(self.getAddress(), 254);
+    EXPECT_EQ(NM::getControlFunction(0, 0x80), nullptr);
+    self.setEnabled(true);
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+}
+
+TEST(CanStackAddressClaim, GlobalRequestFromTheNullAddress) {
+    SimulatedBus bus;
+    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(0), 19u);
+    bus.update();
+    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(3), 5u);
+    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(2), 0u);
+    ASSERT_EQ(bus.frames.size(), 1u);
+    EXPECT_EQ(bus.frames[0].identifier, 0x18EAFFFEu);
+    EXPECT_EQ(bus.frames[0].channel, 2);
+    bus.acceptTransmits = false;
+    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(2), 13u);
+}

@@ -1,0 +1,97 @@
+// Counts heap allocations on the receive path; replaces the global allocator in this
+// executable only.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "canstack/controlfunction.h"
+#include "canstack/filteredmessagecallback.h"
+#include "canstack/networkmanagement.h"
+#include "simulated_bus.h"
+
+namespace {
+std::atomic<uint64_t> allocations{0};
+}  // namespace
+
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* p = std::malloc(size == 0 ? 1 : size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    ++allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+namespace {
+struct CopyingReceiver : ReceiveCANMessageCallbackClass {
+    void receiveCANMessage(CANMessageClass* message) override {
+        message->getData(last, sizeof(last));
+        ++count;
+    }
+    uint8_t last[8] = {};
+    uint32_t count = 0;
+};
+}  // namespace
+
+TEST(CanStackAllocation, OrdinaryFramesFromAKnownSourceAllocateNothing) {
+    SimulatedBus bus;
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 1, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receiveClaim(1, 0x00, testNAME(1, 93));
+    RegisteredControlFunctionClass engine(1, NAMEClass(testNAME(1, 93)));
+    CopyingReceiver receiver;
+    engine.addParameterGroupNumberCallback(0xF004, nullptr, &receiver);
+    NetworkManagementClass::addGlobalReceiveCallback(PGN_ANY, &receiver);
+    const uint32_t pgns[12] = {0xF003, 0xF004, 0xFE56, 0xFEE5, 0xFEEE, 0xFEEF,
+                               0xFEF2, 0xFEF8, 0xFEFC, 0xFEEC, 0xFF12, 0xFF7A};
+    std::vector<std::unique_ptr<FilteredMessageMatchingCallbackClass>> filters;
+    for (uint32_t pgn : pgns) {
+        filters.emplace_back(new FilteredMessageMatchingCallbackClass());
+        filters.back()->setParameterGroupNumber(pgn);
+        filters.back()->setChannel(1);
+        filters.back()->addCallback(&receiver);
+    }
+    bus.run(20);  // settle description messages into their lists
+
+    const uint8_t data[8] = {0xF0, 0x7D, 0x7D, 0x20, 0x1C, 0x00, 0xF0, 0x7D};
+    const uint64_t before = allocations.load();
+    for (int i = 0; i < 1000; ++i) {
+        CANReceiveMessageClass frame(1, 0x0CF00400u, data, 8, 1);
+        NetworkManagementClass::receiveMessage(&frame);
+        CANReceiveMessageClass other(1, 0x18FECA00u, data, 8, 1);
+        NetworkManagementClass::receiveMessage(&other);
+    }
+    // A refused frame reports without allocating as well.
+    CANReceiveMessageClass bad(1, 0x0CF004FFu, data, 8, 1);
+    NetworkManagementClass::receiveMessage(&bad);
+    EXPECT_EQ(allocations.load() - before, 0u);
+    // Registered, global and filter callbacks, the global one for the other group, and the
+    // filter for the refused frame, which filters see whatever its validity.
+    EXPECT_EQ(receiver.count, 1000u * (1 + 1 + 1) + 1000u + 1u);
+}

@@ -1,0 +1,458 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "canstack/canprotocol.h"
+#include "canstack/filteredmessagecallback.h"
+#include "canstack/networkmanagement.h"
+#include "simulated_bus.h"
+
+namespace {
+using NM = NetworkManagementClass;
+using Statistics = NetworkManagementStatisticsClass;
+const char* const OWNER = "Network Management";
+
+std::vector<std::string> events;
+
+void recordNew(ControlFunctionClass* function, void*) {
+    events.push_back("new " + std::to_string(function->getAddress()));
+}
+
+struct PgnFilter : FilteredMessageMatchingCallbackClass {
+    explicit PgnFilter(uint32_t pgn) { setParameterGroupNumber(pgn); }
+};
+
+struct Receiver : ReceiveCANMessageCallbackClass {
+    explicit Receiver(std::string name) : name(std::move(name)) {}
+    void receiveCANMessage(CANMessageClass* message) override {
+        events.push_back(name + " " + std::to_string(message->getSourceAddress()));
+    }
+    std::string name;
+};
+
+bool matches(const FilteredMessageCallbackClass& filter, uint8_t type, uint32_t identifier,
+             const uint8_t* data, uint8_t length, uint8_t channel) {
+    CANReceiveMessageClass message(type, identifier, data, length, channel);
+    return filter.filterMatches(&message);
+}
+
+struct TestProtocol : CANProtocolClass {
+    void initialize() override { events.push_back("initialize"); }
+    void update() override { events.push_back("update"); }
+    void receiveCANMessage(CANMessageClass*) override {}
+};
+}  // namespace
+
+TEST(CanStackNetworkManagement, FramesBeforeTheFirstUpdateLeaveNoTrace) {
+    SimulatedBus bus;
+    PgnFilter filter(0xEE00);
+    Receiver receiver("filter");
+    filter.addCallback(&receiver);
+    NM::addNewControlFunctionCallback(&recordNew);
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    EXPECT_EQ(NM::getControlFunction(0, 0x10), nullptr);
+    EXPECT_EQ(Statistics::NETWORK_MANAGEMENT_STATISTICS.getReceivedCount(0), 0u);
+    EXPECT_TRUE(events.empty());
+    const uint8_t data[3] = {1, 2, 3};
+    EXPECT_EQ(NM::sendStandardMessage(0x100, data, 3, 0), 19u);
+    bus.update();
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    EXPECT_EQ(events, (std::vector<std::string>{"new 16", "filter 16"}));
+}
+
+TEST(CanStackNetworkManagement, ProtocolsAndInitializersStartBeforeClaimsAreStepped) {
+    SimulatedBus bus;
+    TestProtocol first;
+    CANInitializeClass initializer([] { events.push_back("init function"); });
+    EXPECT_EQ(CANProtocolClass::getNumberCANProtocols(), 1u);
+    bus.update();
+    EXPECT_EQ(events, (std::vector<std::string>{"initialize", "init function", "update"}));
+    events.clear();
+    struct Watcher : TestInternalControlFunction {
+        using TestInternalControlFunction::TestInternalControlFunction;
+        void onStart() override { events.push_back("claim step"); }
+    } watcher(testNAME(1), 0, {0x80});
+    TestProtocol second;
+    bus.update();
+    EXPECT_EQ(events, (std::vector<std::string>{"initialize", "claim step", "update", "update"}));
+    CANProtocolClass* protocol = nullptr;
+    ASSERT_TRUE(CANProtocolClass::getCANProtocol(1, protocol));
+    EXPECT_EQ(protocol, &second);
+    CANInitializeClass none(nullptr);
+    EXPECT_FALSE(none.isValid());
+    EXPECT_EQ(
+        descriptionCount("CAN Initialize", "Invalid Parameters CANInitializeClass constructor"),
+        1u);
+}
+
+TEST(CanStackNetworkManagement, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
+    SimulatedBus bus;
+    bus.update();
+    NM::addNewControlFunctionCallback(&recordNew);
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    ControlFunctionClass* device = NM::getControlFunction(0, 0x10);
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(device->getType(), 2);
+    EXPECT_EQ(Statistics::NETWORK_MANAGEMENT_STATISTICS.getNewNAMECount(0), 1u);
+    bus.receiveClaim(0, 0x10, testNAME(1));  // unchanged: nothing happens
+    bus.receiveClaim(0, 0x12, testNAME(1));  // moved
+    EXPECT_EQ(NM::getControlFunction(0, 0x12), device);
+    EXPECT_EQ(NM::getControlFunction(0, 0x10), nullptr);
+    EXPECT_EQ(device->getAddress(), 0x12);
+    EXPECT_EQ(events, (std::vector<std::string>{"new 16"}));
+    EXPECT_EQ(Statistics::NETWORK_MANAGEMENT_STATISTICS.getNewNAMECount(0), 1u);
+
+    bus.receive(0, 0x18EEFFFEu, {1, 2, 3, 4, 5, 6, 7, 8});
+    EXPECT_EQ(descriptionCount(OWNER, "Received Cannot Claim Address Message"), 1u);
+    bus.receive(0, 0x18EE3310u, {1, 2, 3, 4, 5, 6, 7, 8});  // not global
+    bus.receive(0, 0x18EEFF33u, {1, 2, 3});
+    EXPECT_EQ(descriptionCount(OWNER, "Invalid Data Length in Address Claim Message"), 1u);
+    EXPECT_EQ(NM::getControlFunction(0, 0x33), nullptr);
+    EXPECT_EQ(events.size(), 1u);
+}
+
+TEST(CanStackNetworkManagement, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic) {
+    SimulatedBus bus;
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    Receiver global("global");
+    Receiver filtered("filter");
+    ASSERT_TRUE(NM::addGlobalReceiveCallback(PGN_ANY, &global));
+    EXPECT_FALSE(NM::addGlobalReceiveCallback(PGN_ANY, &global));  // duplicates
+    PgnFilter filter(0xEF00);
+    filter.addCallback(&filtered);
+    events.clear();
+    bus.receive(0, 0x18EF8010u, {1});  // to us
+    bus.receive(0, 0x18EF3310u, {2});  // for another node
+    bus.receive(0, 0x18EF8044u, {3});  // from a device without a claim
+    EXPECT_EQ(events,
+              (std::vector<std::string>{"global 16", "filter 16", "filter 16", "filter 68"}));
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Global PGN Callback to List"), 3u);
+    EXPECT_EQ(NM::addGlobalReceiveCallback(0, nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(NM::addGlobalReceiveCallback(0, nullptr, &global, 3), nullptr);
+}
+
+TEST(CanStackNetworkManagement, RejectRecordWinsInEitherOrder) {
+    SimulatedBus bus;
+    bus.update();
+    for (bool rejectFirst : {false, true}) {
+        FilteredMessageMatchingCallbackClass filter;
+        if (rejectFirst) {
+            ASSERT_TRUE(filter.setSourceAddressByte(0x33));
+            ASSERT_TRUE(filter.setAction(FilteredMessageMatchingCallbackClass::ACTION_REJECT));
+            ASSERT_TRUE(filter.addFilterRecord());
+            ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF1));
+        } else {
+            ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF1));
+            ASSERT_TRUE(filter.addFilterRecord());
+            ASSERT_TRUE(filter.setSourceAddressByte(0x33));
+            ASSERT_TRUE(filter.setAction(FilteredMessageMatchingCallbackClass::ACTION_REJECT));
+        }
+        const uint8_t data[1] = {0};
+        CANReceiveMessageClass both(1, 0x18FEF133u, data, 1, 0);
+        CANReceiveMessageClass acceptOnly(1, 0x18FEF134u, data, 1, 0);
+        CANReceiveMessageClass rejectOnly(1, 0x18FEF233u, data, 1, 0);
+        EXPECT_FALSE(filter.filterMatches(&both)) << rejectFirst;
+        EXPECT_TRUE(filter.filterMatches(&acceptOnly)) << rejectFirst;
+        EXPECT_FALSE(filter.filterMatches(&rejectOnly)) << rejectFirst;
+    }
+}
+
+TEST(CanStackNetworkManagement, FilterFieldsAndSetterRules) {
+    FilteredMessageMatchingCallbackClass filter;
+    EXPECT_TRUE(filter.setChannel(1));
+    EXPECT_FALSE(filter.setChannel(2));  // already set
+    EXPECT_TRUE(filter.setIdentifierType(1));
+    EXPECT_TRUE(filter.setIdentifierType(1));
+    EXPECT_FALSE(filter.setIdentifierType(0));
+    EXPECT_TRUE(filter.setDataBits(8, 12, 0xABC));
+    EXPECT_FALSE(filter.setDataBits(16, 4, 0));  // overlaps
+    EXPECT_FALSE(filter.setDataBits(60, 8, 0));
+    EXPECT_FALSE(filter.setParameterGroupNumber(0xEF01));
+    EXPECT_FALSE(filter.setParameterGroupNumber(0x40000));
+    EXPECT_TRUE(filter.setPriority(6));
+    EXPECT_FALSE(filter.setPriority(8));
+    const uint8_t match[3] = {0x00, 0xBC, 0x0A};
+    const uint8_t other[3] = {0x00, 0xBC, 0x0B};
+    const uint8_t shorter[1] = {0x00};
+    EXPECT_TRUE(matches(filter, 1, 0x18FEF101u, match, 3, 1));
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, match, 3, 0));
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, other, 3, 1));
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, shorter, 1, 1));
+    EXPECT_FALSE(matches(filter, 1, 0x0CFEF101u, match, 3, 1));
+
+    FilteredMessageMatchingCallbackClass standard;
+    ASSERT_TRUE(standard.setIdentifierType(0));
+    EXPECT_FALSE(standard.setPDUFormat(0xFE));  // identifier fields need extended frames
+    EXPECT_TRUE(standard.setIdentifier(0x123));
+    EXPECT_TRUE(matches(standard, 0, 0x123, match, 3, 2));
+    EXPECT_TRUE(standard.removeFilterRecord(0));
+    EXPECT_FALSE(standard.setChannel(0));  // nothing selected
+    EXPECT_FALSE(matches(standard, 0, 0x123, match, 3, 2));
+}
+
+TEST(CanStackNetworkManagement, FilterOnSourceNAMEFallsBackToTheAddress) {
+    SimulatedBus bus;
+    bus.update();
+    bus.receiveClaim(0, 0x10, testNAME(1, 93));
+    FilteredMessageMatchingCallbackClass filter;
+    ASSERT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8));
+    const uint8_t data[1] = {0};
+    EXPECT_TRUE(matches(filter, 1, 0x18FEF110u, data, 1, 0));
+    // Without a known NAME a zero address mask rejects, a set one decides.
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF120u, data, 1, 0));
+    ASSERT_TRUE(filter.setSourceAddress(0x20));
+    EXPECT_TRUE(matches(filter, 1, 0x18FEF120u, data, 1, 0));
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF121u, data, 1, 0));
+    bus.receiveClaim(0, 0x11, testNAME(2, 94));
+    EXPECT_FALSE(matches(filter, 1, 0x18FEF111u, data, 1, 0));
+}
+
+TEST(CanStackNetworkManagement, CallbackRemovingItselfEndsTheWalkForThatMessage) {
+    SimulatedBus bus;
+    bus.update();
+    static PgnFilter* filter = nullptr;
+    static FILTERED_MESSAGE_CALLBACK_STRUCT* firstNode = nullptr;
+    PgnFilter instance(0xFEF1);
+    filter = &instance;
+    firstNode = instance.addCallback(
+        [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {
+            events.push_back("first");
+            filter->removeCallback(firstNode);
+        },
+        nullptr);
+    instance.addCallback(
+        [](CANMessageClass*, ReceiveCANMessageCallbackClass*) { events.push_back("second"); },
+        nullptr);
+    bus.receive(0, 0x18FEF101u, {1});
+    EXPECT_EQ(events, (std::vector<std::string>{"first"}));
+    bus.receive(0, 0x18FEF101u, {1});
+    EXPECT_EQ(events, (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(instance.getNumberCallbacks(), 1u);
+}
+
+TEST(CanStackNetworkManagement, FilterDestroyedInItsCallbackPassesOverTheNext) {
+    SimulatedBus bus;
+    bus.update();
+    static PgnFilter* doomed = nullptr;
+    doomed = new PgnFilter(0xFEF1);
+    doomed->addCallback(
+        [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {
+            events.push_back("doomed");
+            delete doomed;
+            doomed = nullptr;
+        },
+        nullptr);
+    PgnFilter next(0xFEF1);
+    Receiver receiver("next");
+    next.addCallback(&receiver);
+    bus.receive(0, 0x18FEF101u, {1});
+    EXPECT_EQ(events, (std::vector<std::string>{"doomed"}));
+    bus.receive(0, 0x18FEF101u, {1});
+    EXPECT_EQ(events, (std::vector<std::string>{"doomed", "next 1"}));
+}
+
+TEST(CanStackNetworkManagement, SendResults) {
+    SimulatedBus bus;
+    const uint8_t data[9] = {};
+    uint32_t handle = 0;
+    EXPECT_EQ(NM::sendMessage(1, 0xFEF1, data, 8, 0, nullptr, nullptr, 255, 6, false, &handle,
+                              nullptr, false),
+              19u);
+    EXPECT_EQ(handle, 0xFFFFFFFFu);
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    // A long message with no transmit function: success, and nothing goes out.
+    const size_t frames = bus.frames.size();
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 0u);
+    EXPECT_EQ(bus.frames.size(), frames);
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, nullptr, nullptr, 6), 11u);
+    EXPECT_EQ(NM::sendMessage(2, 0xFEF1, data, 8, 0, &self, nullptr, 255, 6, false, nullptr,
+                              nullptr, false),
+              1u);
+    EXPECT_EQ(NM::sendStandardMessage(0x100, data, 9, 0), 8u);
+    EXPECT_EQ(NM::sendStandardMessage(0x800, data, 8, 0), 12u);
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xEF01, data, 8, &self, nullptr, 6), 3u);
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6, false, &handle), 0u);
+    EXPECT_NE(handle, 0xFFFFFFFFu);
+    ASSERT_EQ(bus.frames.size(), frames + 1);
+    EXPECT_EQ(bus.frames.back().identifier, 0x18FEF180u);
+    EXPECT_FALSE(bus.frames.back().immediate);
+    bus.acceptTransmits = false;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6), 13u);
+
+    static uint32_t answer = 14;
+    NM::addTransmitFunction([](uint32_t, const uint8_t*, uint32_t, InternalControlFunctionClass*,
+                               ControlFunctionClass*, bool, uint32_t*,
+                               CANCallbackFunction) { return answer; });
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 14u);
+    answer = 16;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 16u);
+    EXPECT_FALSE(NM::addTransmitFunction(nullptr));
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Transmit Function to List"), 1u);
+}
+
+TEST(CanStackNetworkManagement, DataCollectedThroughTheFragmentCallback) {
+    SimulatedBus bus;
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    static int mode = 0;
+    auto producer = [](CANCallbackClass* callback) {
+        if (callback->getCallbackType() != 2) {
+            return;
+        }
+        auto* fragment = static_cast<CANFragmentCallbackClass*>(callback);
+        static const uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+        if (mode == 0) {  // three bytes at a time
+            const uint32_t left = fragment->getTotalLength() - fragment->getOffset();
+            fragment->setFragmentData(bytes + fragment->getOffset(), left < 3 ? left : 3);
+        } else if (mode == 1) {
+            fragment->setFragmentData(bytes, 8);  // runs past the length
+        }                                         // mode 2: no answer
+    };
+    uint32_t handle = 0;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, &handle,
+                                           producer),
+              0u);
+    EXPECT_EQ(bus.frames.back().data, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7}));
+    mode = 1;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, nullptr,
+                                           producer),
+              8u);
+    mode = 2;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, nullptr,
+                                           producer),
+              20u);
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6), 9u);
+}
+
+TEST(CanStackNetworkManagement, LoadCallbacksWalkThreePasses) {
+    SimulatedBus bus;
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    ControlFunctionClass* peer = NM::getControlFunction(0, 0x10);
+    static const uint8_t payload[3] = {9, 8, 7};
+    auto generic = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
+                      uint8_t, LoadParameterGroupNumberData*) -> uint32_t {
+        events.push_back("any");
+        return 0;
+    };
+    auto forPeer = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
+                      uint8_t, LoadParameterGroupNumberData*) -> uint32_t {
+        events.push_back("peer");
+        return 0;
+    };
+    auto exact = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
+                    uint8_t, LoadParameterGroupNumberData* out) -> uint32_t {
+        events.push_back("exact");
+        out->data = payload;
+        out->length = 3;
+        return 1;
+    };
+    NM::addLoadParameterGroupNumberDataCallback(generic);
+    NM::addLoadParameterGroupNumberDataCallback(forPeer, PGN_ANY, peer);
+    LoadParameterGroupNumberData out;
+    EXPECT_EQ(NM::loadParameterGroupNumberData(0xFEF1, &self, peer, 255, 255, out), 0u);
+    EXPECT_EQ(events, (std::vector<std::string>{"peer", "any"}));
+    EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 21u);
+    EXPECT_EQ(descriptionCount(OWNER, "PGN Not Valid Send Parameter Group Number"), 1u);
+    NM::addLoadParameterGroupNumberDataCallback(exact, 0xFEF1);
+    EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(exact, 0xFEF1), nullptr);
+    events.clear();
+    EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 0u);
+    EXPECT_EQ(events, (std::vector<std::string>{"exact"}));
+    EXPECT_EQ(bus.frames.back().data, (std::vector<uint8_t>{9, 8, 7}));
+    EXPECT_EQ(bus.frames.back().priority(), 6);
+}
+
+TEST(CanStackNetworkManagement, TransmitResultsAreCountedAndReported) {
+    SimulatedBus bus;
+    bus.update();
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    static std::vector<bool> results;
+    auto completion = [](CANCallbackClass* callback) {
+        if (callback->getCallbackType() == 3) {
+            results.push_back(callback->isSuccess());
+        }
+    };
+    const uint8_t data[2] = {1, 2};
+    const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    const uint32_t sent = statistics.getTransmittedCount(0);
+    NM::sendParameterGroupNumber(0xFEF1, data, 2, &self, nullptr, 6, false, nullptr, completion);
+    bus.confirmSuccess = false;
+    NM::sendParameterGroupNumber(0xFEF1, data, 2, &self, nullptr, 6, false, nullptr, completion);
+    EXPECT_TRUE(results.empty());  // queued frames wait for their confirmation
+    bus.confirmPending();
+    EXPECT_EQ(results, (std::vector<bool>{false, false}));
+    bus.confirmSuccess = true;
+    NM::sendParameterGroupNumber(0xFEF1, data, 2, &self, nullptr, 6, false, nullptr, completion,
+                                 true);
+    EXPECT_EQ(results, (std::vector<bool>{false, false, true}));
+    EXPECT_EQ(statistics.getTransmittedCount(0), sent + 1);
+    EXPECT_EQ(statistics.getTransmitFailures(0), 2u);
+    EXPECT_EQ(statistics.getTransmittedBits(0) > 0, true);
+}
+
+TEST(CanStackNetworkManagement, UpdateComputesRatesOncePerSecond) {
+    SimulatedBus bus;
+    bus.update();
+    for (int i = 0; i < 20; ++i) {
+        bus.receive(1, 0x18FEF101u, {1, 2, 3, 4});
+    }
+    bus.advance(1000);
+    bus.update();
+    const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
+    EXPECT_FLOAT_EQ(statistics.getAverageReceivedPerSecond(1), 2.0f);
+    EXPECT_EQ(statistics.getReceivedBits(1), 20u * (64u + 32u));
+    bus.advance(500);
+    bus.update();
+    EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
+    const uint8_t* last = nullptr;
+    EXPECT_EQ(statistics.getLastReceived(last), 0x98FEF101u);
+    EXPECT_EQ(last[3], 4);
+    EXPECT_EQ(last[4], 0xFF);
+}
+
+TEST(CanStackNetworkManagement, ReceiveWalkFollowsFilterChangesMadeAfterRegistration) {
+    SimulatedBus bus;
+    bus.update();
+    PgnFilter filter(0xFEF1);
+    Receiver receiver("filter");
+    filter.addCallback(&receiver);
+    bus.receive(0, 0x18FEF101u, {1});
+    ASSERT_TRUE(filter.clearParameterGroupNumber());
+    ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF2));
+    bus.receive(0, 0x18FEF102u, {1});
+    bus.receive(0, 0x18FEF203u, {1});
+    ASSERT_TRUE(filter.addFilterRecord());  // a reject record for source 4
+    ASSERT_TRUE(filter.setSourceAddressByte(4));
+    ASSERT_TRUE(filter.setAction(FilteredMessageMatchingCallbackClass::ACTION_REJECT));
+    bus.receive(0, 0x18FEF204u, {1});
+    bus.receive(0, 0x18FEF205u, {1});
+    ASSERT_TRUE(filter.removeFilterRecord(0));
+    bus.receive(0, 0x18FEF206u, {1});  // only the reject record is left
+    EXPECT_EQ(events, (std::vector<std::string>{"filter 1", "filter 3", "filter 5"}));
+}
+
+TEST(CanStackNetworkManagement, OwnClaimReplayedOnAnotherChannelNamesTheSameDevice) {
+    SimulatedBus bus;
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    EXPECT_FALSE(NM::compareChannels(0, 1));
+    bus.replay(bus.framesWithPGN(0xEE00).back(), 1);
+    ControlFunctionClass* echo = NM::getControlFunction(1, 0x80);
+    ASSERT_NE(echo, nullptr);
+    EXPECT_EQ(echo->getType(), 2);
+    EXPECT_TRUE(NM::compareChannels(0, 1));  // two channels wired to one bus
+}

@@ -1,0 +1,346 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "canstack/canmessage.h"
+#include "canstack/datacarrier.h"
+#include "canstack/networkmanagementmemorypool.h"
+#include "canstack/networkmanagementstatistics.h"
+#include "canstack/networkmanagementutilities.h"
+#include "canstack/simulated_bus.h"
+
+namespace {
+using Statistics = NetworkManagementStatisticsClass;
+using Pool = NetworkManagementMemoryPoolClass;
+using Utilities = NetworkManagementUtilitiesClass;
+Pool& pool() {
+    return Pool::NETWORK_MANAGEMENT_MEMORY_POOL;
+}
+
+const char* const OWNER = "Test Owner";
+const char* const TEXTS[] = {"one", "two", "three", "four", "five", "six"};
+
+struct Heard {
+    std::string text;
+    uint32_t count;
+};
+std::vector<Heard> heard;
+void listen(const char*, const char* text, uint8_t, uint32_t count) {
+    heard.push_back({text, count});
+}
+}  // namespace
+
+// ---------------------------------------------------------------- description messages
+
+TEST(CanStackDescriptionMessages, SixthNewMessageIsNotStoredButStillHeard) {
+    ASSERT_NE(Statistics::addDescriptionMessageCallback(&listen), nullptr);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(Statistics::addDescriptionMessage(OWNER, TEXTS[i], 1));
+    }
+    EXPECT_FALSE(Statistics::addDescriptionMessage(OWNER, TEXTS[5], 1));
+    ASSERT_EQ(heard.size(), 7u);  // five, the overflow record, and the sixth
+    EXPECT_EQ(heard[5].text, "Out Of Description Messages");
+    EXPECT_EQ(heard[6].text, "six");
+    EXPECT_EQ(heard[6].count, 1u);
+
+    Statistics::updateDescriptionMessages();
+    EXPECT_EQ(Statistics::getNumberDescriptionMessages(), 6u);
+    EXPECT_EQ(descriptionCount("Network Management Statistics", "Out Of Description Messages"), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "six"), 0u);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[i], 1), 1u);
+    }
+    // After the update the slots are free again.
+    EXPECT_TRUE(Statistics::addDescriptionMessage(OWNER, TEXTS[5], 1));
+}
+
+TEST(CanStackDescriptionMessages, SameMessageTwiceTakesTwoSlotsAndEndsAsOneRecord) {
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    EXPECT_EQ(Statistics::availableDescriptionMessages[1].text, TEXTS[0]);
+    Statistics::updateDescriptionMessages();
+    EXPECT_EQ(Statistics::getNumberDescriptionMessages(), 1u);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[0], 2), 2u);
+    // Once listed, further reports count in the record without a slot.
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    EXPECT_EQ(Statistics::availableDescriptionMessages[0].text, nullptr);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[0], 2), 3u);
+}
+
+TEST(CanStackDescriptionMessages, TextsAreComparedByPointer) {
+    static const char first[] = "same words";
+    static const char second[] = "same words";
+    Statistics::addDescriptionMessage(OWNER, first, 0);
+    Statistics::addDescriptionMessage(OWNER, second, 0);
+    Statistics::updateDescriptionMessages();
+    EXPECT_EQ(Statistics::getNumberDescriptionMessages(), 2u);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, first, 0), 1u);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, second, 0), 1u);
+}
+
+TEST(CanStackDescriptionMessages, ListedBySeverityCriticalFirst) {
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 0);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[1], 1);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[2], 2);
+    Statistics::updateDescriptionMessages();
+    const char* owner = nullptr;
+    const char* text = nullptr;
+    uint8_t severity = 9;
+    uint32_t count = 0;
+    const char* expected[] = {TEXTS[2], TEXTS[1], TEXTS[0]};
+    for (uint32_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(Statistics::getDescriptionMessage(i, owner, text, severity, count));
+        EXPECT_EQ(text, expected[i]);
+        EXPECT_EQ(severity, 2 - i);
+    }
+    EXPECT_FALSE(Statistics::getDescriptionMessage(3, owner, text, severity, count));
+}
+
+TEST(CanStackDescriptionMessages, InvalidParametersAndCallbackRefusals) {
+    EXPECT_FALSE(Statistics::addDescriptionMessage(nullptr, TEXTS[0], 0));
+    EXPECT_FALSE(Statistics::addDescriptionMessage(OWNER, nullptr, 0));
+    EXPECT_EQ(descriptionCount("Network Management Statistics",
+                               "Invalid Parameters AddDescriptionMessage"),
+              2u);
+    EXPECT_NE(Statistics::addDescriptionMessageCallback(&listen), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(&listen), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(DescriptionMessageFunction(nullptr)),
+              nullptr);
+    Statistics::updateDescriptionMessages();
+    EXPECT_EQ(
+        descriptionCount("Network Management Statistics", "Failed AddDescriptionMessageCallback"),
+        2u);
+    int parameter = 0;
+    auto withParameter = [](const char*, const char*, uint8_t, uint32_t, void* p) {
+        ++*static_cast<int*>(p);
+    };
+    EXPECT_NE(Statistics::addDescriptionMessageCallback(withParameter, &parameter), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(withParameter, &parameter), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(withParameter, nullptr), nullptr);
+    EXPECT_EQ(descriptionCount("Network Management Statistics",
+                               "Failed AddDescriptionMessageCallback Pointer"),
+              2u);
+    EXPECT_GE(parameter, 2);  // it heard its own refusals
+}
+
+// ---------------------------------------------------------------- pool
+
+TEST(CanStackMemoryPool, AcquireBySizeAndRefuseWhatDoesNotFit) {
+    uint32_t handle = 0;
+    EXPECT_FALSE(pool().acquireBuffer(0, handle));  // the block count wraps
+    EXPECT_EQ(handle, Pool::INVALID_HANDLE);
+    EXPECT_FALSE(pool().acquireBuffer(5001, handle));
+    EXPECT_EQ(pool().getUsedBlockCount(), 0u);
+    ASSERT_TRUE(pool().acquireBuffer(1785, handle));
+    EXPECT_EQ(pool().getUsedBlockCount(), 18u);
+    uint32_t second = 0;
+    EXPECT_FALSE(pool().acquireBuffer(3300, second));  // 33 blocks, 32 free
+    EXPECT_EQ(pool().getUsedBlockCount(), 18u);
+    pool().releaseBuffer(handle);
+    ASSERT_TRUE(pool().acquireBuffer(5000, handle));
+    EXPECT_EQ(pool().getUsedBlockCount(), 50u);
+    EXPECT_EQ(pool().getPeakBlockCount(), 50u);
+    EXPECT_FALSE(pool().acquireBuffer(1, second));
+}
+
+TEST(CanStackMemoryPool, RetainedTwiceNeedsThreeReleases) {
+    uint32_t handle = 0;
+    ASSERT_TRUE(pool().acquireBuffer(250, handle));
+    EXPECT_TRUE(pool().retainBuffer(handle));
+    EXPECT_TRUE(pool().retainBuffer(handle));
+    EXPECT_TRUE(pool().releaseBuffer(handle));
+    EXPECT_TRUE(pool().releaseBuffer(handle));
+    EXPECT_EQ(pool().getUsedBlockCount(), 3u);
+    EXPECT_TRUE(pool().releaseBuffer(handle));
+    EXPECT_EQ(pool().getUsedBlockCount(), 0u);
+    EXPECT_FALSE(pool().retainBuffer(handle));  // free block
+    EXPECT_FALSE(pool().retainBuffer(50));      // out of range
+    EXPECT_FALSE(pool().releaseBuffer(handle));
+}
+
+TEST(CanStackMemoryPool, ReadWriteAcrossBlocksAndGrowOnWrite) {
+    uint32_t handle = 0;
+    ASSERT_TRUE(pool().acquireBuffer(150, handle));
+    std::vector<uint8_t> data(260);
+    for (size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<uint8_t>(i * 7);
+    }
+    ASSERT_TRUE(pool().writeBuffer(handle, data.data(), 0, 260));  // grows a third block
+    EXPECT_EQ(pool().getUsedBlockCount(), 3u);
+    std::vector<uint8_t> back(200);
+    ASSERT_TRUE(pool().readBuffer(handle, back.data(), 60, 200));
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin() + 60));
+    EXPECT_FALSE(pool().readBuffer(handle, back.data(), 250, 60));  // past the chain
+    uint8_t* pointer = nullptr;
+    EXPECT_FALSE(pool().getContiguousPointer(handle, pointer));
+    uint32_t small = 0;
+    ASSERT_TRUE(pool().acquireBuffer(100, small));
+    EXPECT_TRUE(pool().getContiguousPointer(small, pointer));
+    EXPECT_NE(pointer, nullptr);
+}
+
+TEST(CanStackMemoryPool, MoveOverlappingRangesBothWays) {
+    uint32_t handle = 0;
+    ASSERT_TRUE(pool().acquireBuffer(300, handle));
+    std::vector<uint8_t> data(220);
+    for (size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<uint8_t>(i + 1);
+    }
+    ASSERT_TRUE(pool().writeBuffer(handle, data.data(), 0, 220));
+    ASSERT_TRUE(pool().moveBuffer(handle, 7, 0, 213));  // down by 7
+    std::vector<uint8_t> back(213);
+    ASSERT_TRUE(pool().readBuffer(handle, back.data(), 0, 213));
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin() + 7));
+
+    ASSERT_TRUE(pool().writeBuffer(handle, data.data(), 0, 220));
+    ASSERT_TRUE(pool().moveBuffer(handle, 0, 7, 213));  // up by 7
+    ASSERT_TRUE(pool().readBuffer(handle, back.data(), 7, 213));
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin()));
+    EXPECT_TRUE(pool().moveBuffer(handle, 0, 0, 0));
+}
+
+TEST(CanStackMemoryPool, AcquireForMessageFollowsTheAllocateFunction) {
+    static uint8_t storage[16];
+    static uint32_t answer = 0;
+    pool().setAllocateFunction(
+        [](uint32_t, ControlFunctionClass*, ControlFunctionClass*, uint32_t, uint8_t*& pointer) {
+            pointer = storage;
+            return answer;
+        });
+    struct Case {
+        uint32_t answer;
+        bool result;
+        bool pooled;
+        bool external;
+    };
+    const Case cases[] = {{0, true, false, true},
+                          {1, true, true, false},
+                          {2, false, false, false},
+                          {7, false, false, false}};
+    for (const Case& c : cases) {
+        answer = c.answer;
+        uint32_t handle = 0;
+        uint8_t* pointer = nullptr;
+        EXPECT_EQ(pool().acquireForMessage(0xFEEC, nullptr, nullptr, 16, handle, pointer), c.result)
+            << c.answer;
+        EXPECT_EQ(handle != Pool::INVALID_HANDLE, c.pooled) << c.answer;
+        EXPECT_EQ(pointer == storage, c.external) << c.answer;
+        if (handle != Pool::INVALID_HANDLE) {
+            pool().releaseBuffer(handle);
+        }
+    }
+    EXPECT_EQ(descriptionCount("Network Management Memory Pool",
+                               "Request Memory Pool Invalid Request Memory Type"),
+              1u);
+    pool().setAllocateFunction(nullptr);
+}
+
+TEST(CanStackDataCarrier, CopiesAReceivedMessageIntoThePoolAndSharesIt) {
+    const uint8_t bytes[5] = {1, 2, 3, 4, 5};
+    DataCarrier copy;
+    {
+        CANReceiveMessageClass message(1, 0x18FEF100u, bytes, 5, 0);
+        DataCarrier carrier(message);
+        ASSERT_FALSE(carrier.isEmpty());
+        EXPECT_EQ(pool().getUsedBlockCount(), 1u);
+        copy = carrier;
+        EXPECT_EQ(pool().getReferenceCount(carrier.getPoolHandle()), 2u);
+    }
+    uint8_t back[5] = {};
+    ASSERT_TRUE(copy.getData(back, 5));
+    EXPECT_EQ(std::memcmp(back, bytes, 5), 0);
+    EXPECT_FALSE(copy.getData(back, 4));  // capacity too small
+    copy.release();
+    EXPECT_TRUE(copy.isEmpty());
+    EXPECT_EQ(pool().getUsedBlockCount(), 0u);
+}
+
+// ---------------------------------------------------------------- utilities
+
+TEST(CanStackUtilities, TimeElapsedAcrossTheWrap) {
+    SimulatedBus bus;
+    SimulatedBus::now() = 0xFFFFFFF0u;
+    const uint32_t start = Utilities::Timestamp_ms();
+    bus.advance(0x20);
+    EXPECT_EQ(Utilities::timeElapsed(start), 0x20u);
+    EXPECT_TRUE(Utilities::timeElapsed(start, 0x20));
+    EXPECT_FALSE(Utilities::timeElapsed(start, 0x21));
+}
+
+TEST(CanStackUtilities, LowPassFilterClampsItsWeight) {
+    EXPECT_FLOAT_EQ(Utilities::lowPassFilter(10.0f, 0.0f, 1.0f, 10.0f), 1.0f);
+    EXPECT_FLOAT_EQ(Utilities::lowPassFilter(10.0f, 2.0f, 5.0f, 1.0f), 10.0f);
+    EXPECT_FLOAT_EQ(Utilities::lowPassFilter(10.0f, 2.0f, -1.0f, 1.0f), 2.0f);
+}
+
+TEST(CanStackUtilities, GetAndSetBits) {
+    const uint8_t data[8] = {0xA5, 0x3C, 0xFF, 0x00, 0x12, 0x34, 0x56, 0x78};
+    struct Case {
+        uint32_t offset;
+        uint32_t count;
+        uint64_t expected;
+    };
+    const Case cases[] = {{0, 8, 0xA5},
+                          {4, 8, 0xCA},
+                          {0, 16, 0x3CA5},
+                          {3, 5, 0x14},
+                          {12, 12, 0xFF3},
+                          {32, 32, 0x78563412},
+                          {0, 64, 0x78563412'00FF3CA5ull},
+                          {63, 1, 0}};
+    for (const Case& c : cases) {
+        uint64_t value = 0;
+        ASSERT_TRUE(Utilities::getBits(data, c.offset, c.count, value));
+        EXPECT_EQ(value, c.expected) << c.offset << "/" << c.count;
+    }
+    uint8_t narrow = 0;
+    EXPECT_FALSE(Utilities::getBits(data, 0, 9, narrow));
+    EXPECT_EQ(narrow, 0xFF);
+    uint16_t none = 0;
+    EXPECT_FALSE(Utilities::getBits(nullptr, 0, 4, none));
+    EXPECT_EQ(none, 0xFFFF);
+
+    uint8_t target[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
+    ASSERT_TRUE(Utilities::setBits(target, 4, 12, 0x123));
+    EXPECT_EQ(target[0], 0x3F);
+    EXPECT_EQ(target[1], 0x12);
+    EXPECT_EQ(target[2], 0xFF);
+    EXPECT_FALSE(Utilities::setBits(target, 0, 33, 0));
+    EXPECT_FALSE(Utilities::setBits(nullptr, 0, 3, 0));
+}
+
+TEST(CanStackUtilities, ArrayGrowsAndShrinks) {
+    int a = 0;
+    int b = 0;
+    int c = 0;
+    int** array = nullptr;
+    uint16_t count = 0;
+    EXPECT_FALSE(Utilities::addObjectToArray<int*>(nullptr, array, count));
+    for (int* p : {&a, &b, &c}) {
+        ASSERT_TRUE(Utilities::addObjectToArray(p, array, count));
+    }
+    ASSERT_TRUE(Utilities::removeObjectFromArray(&b, array, count));
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(array[0], &a);
+    EXPECT_EQ(array[1], &c);
+    EXPECT_FALSE(Utilities::removeObjectFromArray(&b, array, count));
+    Utilities::removeObjectFromArray(&a, array, count);
+    Utilities::removeObjectFromArray(&c, array, count);
+    EXPECT_EQ(array, nullptr);
+    EXPECT_EQ(count, 0u);
+}
+
+TEST(CanStackStatistics, BitCountsPerFrame) {
+    EXPECT_EQ(Statistics::getMessageBitCount(8, true), 128u);
+    EXPECT_EQ(Statistics::getMessageBitCount(8, false), 108u);
+    EXPECT_EQ(Statistics::getMessageStuffedBitCount(8, true), 75u + 64u + 12u);
+    EXPECT_EQ(Statistics::getMessageStuffedBitCount(3, false), 51u + 24u + 4u);
+    const Statistics& s = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    EXPECT_EQ(s.getReceivedCount(3), 0xFFFFFFFFu);
+    EXPECT_FLOAT_EQ(s.getAverageReceivedPerSecond(3), 0.0f);
+    EXPECT_EQ(s.getChannelValue(0), 0xFFFF);
+    EXPECT_EQ(s.getMaximumReceiveExecutionIdentifier(), 0xFFFFFFFFu);
+    EXPECT_EQ(s.countDevices(3), 0u);
+}
