@@ -1,0 +1,1 @@
+tilthwatch_add_bench(property_reading SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/property_reading.cpp LIBS canpropertysource)
