@@ -13,6 +13,35 @@ constexpr std::uint32_t kCaseHoursFuelGroup = 0xFF12;
 constexpr double kClass3FuelFactor = 0.6849315;
 constexpr double kClass4FuelFactor = 0.82644628;
 constexpr double kTridentFuelFull = 150.0;
+
+// Sets the property from the field unless the field is all 0xFF.
+template <typename Scale>
+void setIfValid(const PgnMessage& message, int offset, int length, Property<double>& property,
+                Scale scale) {
+    bool valid = false;
+    const std::uint32_t raw = message.getValue(offset, length, valid);
+    if (valid) {
+        property.set(scale(raw));
+    }
+}
+
+double throughSingle(std::uint32_t raw) {
+    return static_cast<double>(static_cast<float>(raw));
+}
+
+// 0xFF12: hours in bytes 2-3, fuel level in byte 4; the two do not depend on each other.
+// Byte 5 holds the model number, which only the Case model detector reads.
+template <typename Hours, typename Fuel>
+void decodeHoursAndFuel(const PgnMessage& message, Properties& properties, Hours hours, Fuel fuel) {
+    setIfValid(message, 2, 2, properties.hours, hours);
+    setIfValid(message, 4, 1, properties.fuelLevel, fuel);
+}
+
+// A handler of a reader as a filter callback.
+template <typename Reader>
+CanInterface::PgnCallback handlerOf(Reader* reader, void (Reader::*handler)(const PgnMessage&)) {
+    return [reader, handler](const PgnMessage& message) { (reader->*handler)(message); };
+}
 }  // namespace
 
 void GenericCanPropertyReader::onManufacturerStart(std::shared_ptr<CanPropertySourceStateMachine>,
@@ -38,9 +67,9 @@ AgcoCCanPropertyReader::AgcoCCanPropertyReader() {
 void AgcoCCanPropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
-    m_can->addPgnFilter(
-        kFuelLevelGroup, [this](const PgnMessage& message) { handleFEFCProduct(message); },
-        Bus::PRODUCT_250K);
+    m_can->addPgnFilter(kFuelLevelGroup,
+                        handlerOf(this, &AgcoCCanPropertyReader::handleFEFCProduct),
+                        Bus::PRODUCT_250K);
 }
 
 void AgcoCCanPropertyReader::onManufacturerStop() {
@@ -48,11 +77,7 @@ void AgcoCCanPropertyReader::onManufacturerStop() {
 }
 
 void AgcoCCanPropertyReader::handleFEFCProduct(const PgnMessage& message) {
-    bool valid = false;
-    const std::uint32_t raw = message.getValue(1, 1, valid);
-    if (valid) {
-        m_properties->fuelLevel.set(scaling::level(raw));
-    }
+    setIfValid(message, 1, 1, m_properties->fuelLevel, &scaling::level);
 }
 
 Agco900SeriesCanPropertyReader::Agco900SeriesCanPropertyReader() {
@@ -63,12 +88,12 @@ Agco900SeriesCanPropertyReader::Agco900SeriesCanPropertyReader() {
 void Agco900SeriesCanPropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
-    m_can->addPgnFilter(
-        kFuelLevelGroup, [this](const PgnMessage& message) { handleFEFCProduct(message); },
-        Bus::PRODUCT_250K);
-    m_can->addPgnFilter(
-        kDefLevelGroup, [this](const PgnMessage& message) { handleFE56Product(message); },
-        Bus::PRODUCT_250K);
+    m_can->addPgnFilter(kFuelLevelGroup,
+                        handlerOf(this, &Agco900SeriesCanPropertyReader::handleFEFCProduct),
+                        Bus::PRODUCT_250K);
+    m_can->addPgnFilter(kDefLevelGroup,
+                        handlerOf(this, &Agco900SeriesCanPropertyReader::handleFE56Product),
+                        Bus::PRODUCT_250K);
 }
 
 void Agco900SeriesCanPropertyReader::onManufacturerStop() {
@@ -77,19 +102,11 @@ void Agco900SeriesCanPropertyReader::onManufacturerStop() {
 }
 
 void Agco900SeriesCanPropertyReader::handleFEFCProduct(const PgnMessage& message) {
-    bool valid = false;
-    const std::uint32_t raw = message.getValue(1, 1, valid);
-    if (valid) {
-        m_properties->fuelLevel.set(scaling::level(raw));
-    }
+    setIfValid(message, 1, 1, m_properties->fuelLevel, &scaling::level);
 }
 
 void Agco900SeriesCanPropertyReader::handleFE56Product(const PgnMessage& message) {
-    bool valid = false;
-    const std::uint32_t raw = message.getValue(0, 1, valid);
-    if (valid) {
-        m_properties->defLevel.set(scaling::level(raw));
-    }
+    setIfValid(message, 0, 1, m_properties->defLevel, &scaling::level);
 }
 
 CaseCT56PropertyReader::CaseCT56PropertyReader() {
@@ -99,7 +116,7 @@ CaseCT56PropertyReader::CaseCT56PropertyReader() {
 void CaseCT56PropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
-    m_can->addPgnFilter(kCaseFuelGroup, [this](const PgnMessage& message) { handleFFEC(message); });
+    m_can->addPgnFilter(kCaseFuelGroup, handlerOf(this, &CaseCT56PropertyReader::handleFFEC));
 }
 
 void CaseCT56PropertyReader::onManufacturerStop() {
@@ -107,11 +124,7 @@ void CaseCT56PropertyReader::onManufacturerStop() {
 }
 
 void CaseCT56PropertyReader::handleFFEC(const PgnMessage& message) {
-    bool valid = false;
-    const std::uint32_t raw = message.getValue(1, 2, valid);
-    if (valid) {
-        m_properties->fuelLevel.set(raw * 0.1);
-    }
+    setIfValid(message, 1, 2, m_properties->fuelLevel, [](std::uint32_t raw) { return raw * 0.1; });
 }
 
 CasePatriotClass3PropertyReader::CasePatriotClass3PropertyReader() {
@@ -123,7 +136,7 @@ void CasePatriotClass3PropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
     m_can->addPgnFilter(kCaseHoursFuelGroup,
-                        [this](const PgnMessage& message) { handleFF12(message); });
+                        handlerOf(this, &CasePatriotClass3PropertyReader::handleFF12));
 }
 
 void CasePatriotClass3PropertyReader::onManufacturerStop() {
@@ -139,7 +152,7 @@ void CasePatriotClass4PropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
     m_can->addPgnFilter(kCaseHoursFuelGroup,
-                        [this](const PgnMessage& message) { handleFF12(message); });
+                        handlerOf(this, &CasePatriotClass4PropertyReader::handleFF12));
 }
 
 void CasePatriotClass4PropertyReader::onManufacturerStop() {
@@ -155,48 +168,28 @@ void CaseTrident5550CanPropertyReader::onManufacturerStart(
     std::shared_ptr<CanPropertySourceStateMachine> machine, std::shared_ptr<CanInterface> can) {
     storeReferences(std::move(machine), std::move(can));
     m_can->addPgnFilter(kCaseHoursFuelGroup,
-                        [this](const PgnMessage& message) { handleFF12(message); });
+                        handlerOf(this, &CaseTrident5550CanPropertyReader::handleFF12));
 }
 
 void CaseTrident5550CanPropertyReader::onManufacturerStop() {
     m_can->removePgnFilter(kCaseHoursFuelGroup);
 }
 
-// Byte 5 of 0xFF12 holds the model number, which only the Case model detector reads.
 void CasePatriotClass3PropertyReader::handleFF12(const PgnMessage& message) {
-    bool valid = false;
-    std::uint32_t raw = message.getValue(2, 2, valid);
-    if (valid) {
-        m_properties->hours.set(static_cast<double>(static_cast<float>(raw)));
-    }
-    raw = message.getValue(4, 1, valid);
-    if (valid) {
-        // Single-precision rounding brings a full tank to exactly 100.
-        m_properties->fuelLevel.set(
-            static_cast<double>(static_cast<float>(raw * kClass3FuelFactor)));
-    }
+    // Single-precision rounding brings a full tank to exactly 100.
+    decodeHoursAndFuel(message, *m_properties, &throughSingle, [](std::uint32_t raw) {
+        return static_cast<double>(static_cast<float>(raw * kClass3FuelFactor));
+    });
 }
 
 void CasePatriotClass4PropertyReader::handleFF12(const PgnMessage& message) {
-    bool valid = false;
-    std::uint32_t raw = message.getValue(2, 2, valid);
-    if (valid) {
-        m_properties->hours.set(static_cast<double>(raw));
-    }
-    raw = message.getValue(4, 1, valid);
-    if (valid) {
-        m_properties->fuelLevel.set(static_cast<double>(raw) * kClass4FuelFactor);
-    }
+    decodeHoursAndFuel(
+        message, *m_properties, [](std::uint32_t raw) { return static_cast<double>(raw); },
+        [](std::uint32_t raw) { return static_cast<double>(raw) * kClass4FuelFactor; });
 }
 
 void CaseTrident5550CanPropertyReader::handleFF12(const PgnMessage& message) {
-    bool valid = false;
-    std::uint32_t raw = message.getValue(2, 2, valid);
-    if (valid) {
-        m_properties->hours.set(static_cast<double>(static_cast<float>(raw)));
-    }
-    raw = message.getValue(4, 1, valid);
-    if (valid) {
-        m_properties->fuelLevel.set(static_cast<double>(raw) / kTridentFuelFull * 100.0);
-    }
+    decodeHoursAndFuel(message, *m_properties, &throughSingle, [](std::uint32_t raw) {
+        return static_cast<double>(raw) / kTridentFuelFull * 100.0;
+    });
 }

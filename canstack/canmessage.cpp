@@ -42,6 +42,21 @@ ControlFunctionClass* tableEntry(uint8_t channel, uint32_t address) {
     return NetworkManagementClass::controlFunctionTable[channel][address];
 }
 
+// A read of `count` bytes from `offset` stays inside a payload of `length` bytes.
+inline bool readFits(const uint8_t* buffer, uint32_t length, uint32_t offset, uint32_t count) {
+    return buffer != nullptr && offset <= length && count <= length - offset;
+}
+
+// Payload reads of the single-frame messages, whose bytes sit in the object.
+inline bool copyFrameData(const uint8_t* data, uint32_t length, uint8_t* buffer, uint32_t offset,
+                          uint32_t count) {
+    if (!readFits(buffer, length, offset, count)) {
+        return false;
+    }
+    std::memcpy(buffer, data + offset, count);
+    return true;
+}
+
 uint8_t channelOf(ControlFunctionClass* source, ControlFunctionClass* destination) {
     if (source == nullptr) {
         return 3;
@@ -186,19 +201,11 @@ bool CANReceiveMessageClass::getDataPointer(const uint8_t*& pointer) const {
 }
 
 bool CANReceiveMessageClass::getData(uint8_t* buffer, uint32_t capacity) const {
-    if (buffer == nullptr || dataLength > capacity) {
-        return false;
-    }
-    std::memcpy(buffer, data, dataLength);
-    return true;
+    return dataLength <= capacity && copyFrameData(data, dataLength, buffer, 0, dataLength);
 }
 
 bool CANReceiveMessageClass::getData(uint8_t* buffer, uint32_t offset, uint32_t count) const {
-    if (buffer == nullptr || offset > dataLength || count > dataLength - offset) {
-        return false;
-    }
-    std::memcpy(buffer, data + offset, count);
-    return true;
+    return copyFrameData(data, dataLength, buffer, offset, count);
 }
 
 void CANReceiveMessageClass::updateControlFunctions() {
@@ -352,19 +359,11 @@ bool CANTransmitMessageClass::getDataPointer(const uint8_t*& pointer) const {
 }
 
 bool CANTransmitMessageClass::getData(uint8_t* buffer, uint32_t capacity) const {
-    if (buffer == nullptr || dataLength > capacity) {
-        return false;
-    }
-    std::memcpy(buffer, data, dataLength);
-    return true;
+    return dataLength <= capacity && copyFrameData(data, dataLength, buffer, 0, dataLength);
 }
 
 bool CANTransmitMessageClass::getData(uint8_t* buffer, uint32_t offset, uint32_t count) const {
-    if (buffer == nullptr || offset > dataLength || count > dataLength - offset) {
-        return false;
-    }
-    std::memcpy(buffer, data + offset, count);
-    return true;
+    return copyFrameData(data, dataLength, buffer, offset, count);
 }
 
 bool CANTransmitMessageClass::prepareIdentifierForTransmit() {
@@ -451,7 +450,7 @@ bool CANLongMessageClass::getData(uint8_t* buffer, uint32_t capacity) const {
 }
 
 bool CANLongMessageClass::getData(uint8_t* buffer, uint32_t offset, uint32_t count) const {
-    if (buffer == nullptr || offset > dataLength || count > dataLength - offset) {
+    if (!readFits(buffer, dataLength, offset, count)) {
         return false;
     }
     return NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL.readData(

@@ -2,20 +2,115 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "CanPropertySource/canpropertyreaders.h"
 #include "CanPropertySource/canpropertysourcestatemachine.h"
-#include "CanPropertySource/fake_can_interface.h"
-#include "CanPropertySource/log_capture.h"
-#include "CanPropertySource/machinebusdetector.h"
 #include "TelematicsCollector/properties.h"
+#include "caninterface/caninterface.h"
+#include "support/log_capture.h"
+
+using Groups = std::set<std::uint32_t>;
+using Bytes = std::vector<std::uint8_t>;
+constexpr Bus kBus0 = Bus::MACHINE_250K;
+const Bytes kZeros(8, 0);
+
+// A received group as the service hands it over; a code below 0 is a sender without NAME.
+struct FakePgnMessage : PgnMessage {
+    FakePgnMessage(std::uint32_t group, Bytes bytes, int code) : code(code) {
+        pgn = group;
+        data = std::move(bytes);
+    }
+    int manufacturerCode() const override { return code; }
+    bool hasSource() const override { return code >= 0; }
+    int code;
+};
+
+// In-memory CAN service. Touching a filter with no bus chosen is undefined in the real
+// service, so it counts as a misuse here.
+struct FakeCanInterface : CanInterface {
+    bool sendPgnRequest(std::uint32_t pgn, Bus bus) override {
+        requests.emplace_back(pgn, bus);
+        return busChannelIndex(bus) <= 1;
+    }
+    void sendPgnRequest(std::uint32_t pgn) override { sendPgnRequest(pgn, chosen); }
+    bool addPgnFilter(std::uint32_t pgn, PgnCallback callback, Bus bus) override {
+        misuses += busChannelIndex(bus) > 2;
+        return filters.emplace(std::make_pair(bus, pgn), std::move(callback)).second;
+    }
+    bool addPgnFilter(std::uint32_t pgn, PgnCallback callback) override {
+        return addPgnFilter(pgn, std::move(callback), chosen);
+    }
+    bool removePgnFilter(std::uint32_t pgn, Bus bus) override {
+        misuses += busChannelIndex(bus) > 2;
+        return filters.erase(std::make_pair(bus, pgn)) != 0;
+    }
+    bool removePgnFilter(std::uint32_t pgn) override { return removePgnFilter(pgn, chosen); }
+    bool setPeriodicCallback(PeriodicCallback callback, std::int64_t intervalUs) override {
+        periodic = std::move(callback);
+        periodicIntervalUs = intervalUs;
+        return true;
+    }
+    bool clearPeriodicCallback() override {
+        periodic = nullptr;
+        return true;
+    }
+    bool isAddressClaimed(Bus bus) override { return claimed.count(bus) != 0; }
+    bool isAddressClaimed() override { return isAddressClaimed(chosen); }
+    bool hasManufacturerOnBus(const std::set<int>& codes) override {
+        return std::any_of(channelOneCodes.begin(), channelOneCodes.end(),
+                           [&](int code) { return codes.count(code) != 0; });
+    }
+    void setDefaultBus(Bus bus) override { chosen = bus; }
+    Bus defaultBus() override { return chosen; }
+
+    // Hands a frame to its filter; false when no filter takes it.
+    bool deliver(Bus bus, std::uint32_t pgn, Bytes data, int code = -1) {
+        auto it = filters.find(std::make_pair(bus, pgn));
+        if (it == filters.end()) {
+            return false;
+        }
+        PgnCallback callback = it->second;  // the callback may remove its own filter
+        callback(FakePgnMessage(pgn, std::move(data), code));
+        return true;
+    }
+    // One expiry of the periodic timer; false when none is installed.
+    bool tick() {
+        PeriodicCallback callback = periodic;
+        if (callback) {
+            callback();
+        }
+        return static_cast<bool>(callback);
+    }
+    Groups filtersOn(Bus bus) const {
+        Groups result;
+        for (const auto& entry : filters) {
+            if (entry.first.first == bus) {
+                result.insert(entry.first.second);
+            }
+        }
+        return result;
+    }
+
+    std::map<std::pair<Bus, std::uint32_t>, PgnCallback> filters;
+    std::vector<std::pair<std::uint32_t, Bus>> requests;
+    PeriodicCallback periodic;
+    std::int64_t periodicIntervalUs = 0;
+    std::set<Bus> claimed;
+    std::vector<int> channelOneCodes;  // manufacturer codes of the nodes on channel 1
+    Bus chosen = Bus::NONE;
+    int misuses = 0;
+};
 
 // A state machine on the fake service, with both machine files in a private folder.
 struct StateMachineRig {
@@ -38,30 +133,27 @@ struct StateMachineRig {
 
     void start() { machine->onStart(can); }
     // Up to the manufacturer detector on the given bus, with the address claimed.
-    void toManufacturerDetector(Bus bus = Bus::MACHINE_250K) {
+    void toManufacturerDetector(Bus bus = kBus0) {
         start();
         can->claimed.insert(bus);
-        can->deliver(bus, 0xF004, {0, 0, 0, 0, 0, 0, 0, 0});
+        can->deliver(bus, 0xF004, kZeros);
     }
     // Identified through a compliant engine frame with this manufacturer code.
     void identify(int code) {
         toManufacturerDetector();
-        can->deliver(Bus::MACHINE_250K, 0xF004, {0, 0, 0, 0, 0, 0, 0, 0}, code);
+        can->deliver(kBus0, 0xF004, kZeros, code);
     }
 
     std::string current() const {
         const int index = machine->currentStateIndex();
-        if (index < 0 || static_cast<std::size_t>(index) >= machine->states().size()) {
-            return "";
-        }
-        const auto& state = *machine->states()[static_cast<std::size_t>(index)];
-        return demangledTypeName(typeid(state).name());
+        const auto& states = machine->states();
+        return index < 0 ? "" : demangledTypeName(typeid(*states.at(std::size_t(index))).name());
     }
     std::vector<std::string> transitions() const {
         const std::string prefix = "State machine transitioning to ";
         std::vector<std::string> result;
         for (const auto& line : log.lines()) {
-            if (line.compare(0, prefix.size(), prefix) == 0) {
+            if (logtest::startsWith(line, prefix)) {
                 result.push_back(line.substr(prefix.size()));
             }
         }
@@ -76,13 +168,12 @@ struct StateMachineRig {
         return result;
     }
     std::string detectedFileText() const {
-        std::ifstream in(detectedFile);
         std::stringstream text;
-        text << in.rdbuf();
+        text << std::ifstream(detectedFile).rdbuf();
         return text.str();
     }
 
-    LogCapture log;
+    logtest::LogCapture log{"tilthwatch.canpropertysourcestatemachine"};
     boost::filesystem::path dir;
     std::string userFile;
     std::string detectedFile;
@@ -91,8 +182,7 @@ struct StateMachineRig {
     std::shared_ptr<CanPropertySourceStateMachine> machine;
 };
 
-using Groups = std::set<std::uint32_t>;
-// The standard groups every reader keeps on the machine bus.
+// The standard groups every reader keeps on the default bus.
 inline Groups standardGroups(Groups extra = {}) {
     Groups groups = {0xF004, 0xF003, 0xFEF2, 0xFEEE, 0xFEEF, 0xFEF8, 0xFE56, 0xFEE5, 0xFEFC};
     groups.insert(extra.begin(), extra.end());

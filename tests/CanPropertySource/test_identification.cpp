@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "CanPropertySource/machinebusdetector.h"
 #include "CanPropertySource/state_machine_rig.h"
 
 namespace {
 
-const std::vector<std::uint8_t> kFrame = {0, 0, 0, 0, 0, 0, 0, 0};
-const char* const kStarted[] = {"Starting state machine",
-                                "State machine transitioning to MachineBusDetector"};
+const char* const kCaseModel = "CaseModelDetector";
+const char* const kAgcoModel = "AgcoModelDetector";
+const char* const kGeneric = "GenericCanPropertyReader";
 
 struct Unlisted : CanPropertySourceState_i {
     void onStart(std::shared_ptr<CanPropertySourceStateMachine>,
@@ -14,17 +17,15 @@ struct Unlisted : CanPropertySourceState_i {
     void onStop() override {}
 };
 
-TEST(StateMachine, StartsWithBusDetectorOnBothMachineBuses) {
+TEST(StateMachine, SwitchesOnlyToListedStatesAndStopsCleanly) {
+    {
+        StateMachineRig idle;
+        idle.machine->onStop();  // before the start: touches nothing
+        EXPECT_TRUE(idle.log.lines().empty());
+    }
     StateMachineRig rig;
     EXPECT_EQ(rig.machine->currentStateIndex(), -1);
     rig.start();
-    EXPECT_EQ(rig.log.lines(), std::vector<std::string>(std::begin(kStarted), std::end(kStarted)));
-    EXPECT_EQ(rig.can->filtersOn(Bus::MACHINE_250K), (Groups{0xF004, 0xFEF2}));
-    EXPECT_EQ(rig.can->filtersOn(Bus::MACHINE_500K), (Groups{0xF004, 0xFEF2}));
-    EXPECT_EQ(rig.can->filters.size(), 4u);  // nothing on the product bus
-    EXPECT_FALSE(rig.can->deliver(Bus::MACHINE_250K, 0xFEEE, kFrame));
-    EXPECT_EQ(rig.can->defaultBus(), Bus::NONE);
-
     rig.machine->switchState<Unlisted>();  // no such state: nothing happens
     EXPECT_EQ(rig.log.lines().size(), 2u);
     rig.machine->switchState<MachineBusDetector>();  // the current one restarts
@@ -34,91 +35,114 @@ TEST(StateMachine, StartsWithBusDetectorOnBothMachineBuses) {
     EXPECT_TRUE(rig.can->filters.empty());
 }
 
-TEST(StateMachine, StopBeforeStartTouchesNothing) {
-    StateMachineRig rig;
-    rig.machine->onStop();
-    EXPECT_TRUE(rig.log.lines().empty());
-}
-
-TEST(MachineBusDetector, FirstEngineFramePicksItsBus) {
+TEST(MachineBusDetector, ListensOnBothMachineBusesUntilTheFirstEngineFrame) {
+    const Groups engine = {0xF004, 0xFEF2};
     const struct {
         Bus bus;
         std::uint32_t pgn;
-        Bus other;
         const char* line;
-    } cases[] = {
-        {Bus::MACHINE_250K, 0xF004, Bus::MACHINE_500K, "Setting default CAN bus to: MACHINE_250K"},
-        {Bus::MACHINE_500K, 0xFEF2, Bus::MACHINE_250K, "Setting default CAN bus to: MACHINE_500K"},
-        {Bus::MACHINE_500K, 0xF004, Bus::MACHINE_250K, "Setting default CAN bus to: MACHINE_500K"}};
-    for (const auto& c : cases) {
+    } rows[] = {{kBus0, 0xF004, "Setting default CAN bus to: MACHINE_250K"},
+                {Bus::MACHINE_500K, 0xFEF2, "Setting default CAN bus to: MACHINE_500K"},
+                {Bus::MACHINE_500K, 0xF004, "Setting default CAN bus to: MACHINE_500K"}};
+    for (const auto& row : rows) {
         StateMachineRig rig;
         rig.start();
-        EXPECT_TRUE(rig.can->deliver(c.bus, c.pgn, kFrame));
-        EXPECT_EQ(rig.can->defaultBus(), c.bus);
+        EXPECT_EQ(rig.log.lines(),
+                  (std::vector<std::string>{"Starting state machine",
+                                            "State machine transitioning to MachineBusDetector"}));
+        EXPECT_EQ(rig.can->filtersOn(kBus0), engine);
+        EXPECT_EQ(rig.can->filtersOn(Bus::MACHINE_500K), engine);
+        EXPECT_EQ(rig.can->filters.size(), 4u);  // nothing on the product bus
+        EXPECT_EQ(rig.can->defaultBus(), Bus::NONE);
+
+        EXPECT_TRUE(rig.can->deliver(row.bus, row.pgn, kZeros));
+        EXPECT_EQ(rig.can->defaultBus(), row.bus);
         EXPECT_EQ(rig.current(), "ManufacturerDetector");
-        EXPECT_EQ(rig.log.count(c.line), 1);
+        EXPECT_EQ(rig.log.count(row.line), 1);
         // Later frames on the other bus reach nothing.
-        EXPECT_FALSE(rig.can->deliver(c.other, 0xF004, kFrame));
-        EXPECT_FALSE(rig.can->deliver(c.other, 0xFEF2, kFrame));
-        EXPECT_EQ(rig.can->filtersOn(c.bus), (Groups{0xF004, 0xFEF2}));
+        const Bus other = row.bus == kBus0 ? Bus::MACHINE_500K : kBus0;
+        EXPECT_FALSE(rig.can->deliver(other, 0xF004, kZeros));
+        EXPECT_FALSE(rig.can->deliver(other, 0xFEF2, kZeros));
+        EXPECT_EQ(rig.can->filtersOn(row.bus), engine);
     }
 }
 
-struct CodeCase {
-    int code;
-    std::vector<std::string> transitions;
-    std::vector<std::string> manufacturer;
-    Groups filters;  // what the final state left on the machine bus
-};
-void PrintTo(const CodeCase& c, std::ostream* os) {
-    *os << "code " << c.code;
+TEST(ManufacturerDetector, SenderChoosesNextStateAndIsRecorded) {
+    const std::vector<int> caseOnOne = {33, 213};
+    const struct {
+        int code;  // -1: a sender without NAME
+        std::string user;
+        std::vector<int> channelOne;
+        std::vector<std::string> transitions;
+        std::vector<std::string> manufacturer;
+    } rows[] = {
+        // clang-format off
+        {213, "", {}, {kCaseModel}, {"CaseIH"}}, {7, "", {}, {kCaseModel}, {"CaseIH"}},
+        {70, "", {}, {kCaseModel}, {"CaseIH"}}, {94, "", {}, {kCaseModel}, {"CaseIH"}},
+        {84, "", {}, {kCaseModel, kAgcoModel}, {"New Holland", "AGCO"}},
+        {102, "", {}, {kAgcoModel}, {"AGCO"}}, {10, "", {}, {kGeneric, kGeneric}, {"Cummins"}},
+        {1, "CaseIH", caseOnOne, {kGeneric}, {}}, {0, "", {}, {kGeneric}, {}},
+        {-1, "Miller", caseOnOne, {kCaseModel}, {"CaseIH"}},
+        {-1, "", caseOnOne, {kCaseModel}, {"CaseIH"}}, {-1, "", {33}, {kGeneric}, {}},
+        {-1, "CaseIH", {}, {kCaseModel}, {"CaseIH"}}, {-1, "Miller", {}, {kCaseModel}, {"Miller"}},
+        {-1, "New Holland", {}, {kCaseModel}, {"New Holland"}}, {-1, "AGCO", {}, {kGeneric}, {}},
+        {-1, "caseih", {}, {kGeneric}, {}}, {-1, "Miller ", {}, {kGeneric}, {}},
+        // clang-format on
+    };
+    const std::map<std::string, Groups> filtersOf = {
+        {kCaseModel, {0xFF12, 0xFF7A}}, {kAgcoModel, {0xFEEC}}, {kGeneric, standardGroups()}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.code) + " \"" + row.user + "\"");
+        StateMachineRig rig("{\"manufacturer\": \"" + row.user + "\"}");
+        rig.can->channelOneCodes = row.channelOne;
+        rig.toManufacturerDetector();
+        rig.log.clear();
+        // Both engine groups reach the detector.
+        const std::uint32_t pgn = row.code < 0 ? 0xF004 : 0xFEF2;
+        rig.can->deliver(kBus0, pgn, kZeros, row.code);
+
+        std::vector<std::string> expected = {
+            "Address Claiming and Registration has finished",
+            "Received pgn message 0x" + std::string(pgn == 0xF004 ? "f004" : "fef2") +
+                " from ECU with manufacturer code " + std::to_string(row.code)};
+        if (row.code >= 0) {
+            expected.push_back("Message came from ISO complient ECU");
+        } else {
+            expected.push_back("Message is from noncompliant ECU");
+            expected.push_back("The user-selected manufacturer is \"" + row.user + "\"");
+            if (row.channelOne == caseOnOne) {
+                expected.push_back(
+                    "Assuming that we are on a Case machine as there is a node manufactured by "
+                    "Case on the bus");
+            }
+        }
+        const auto lines = rig.log.lines();
+        const auto end = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return logtest::startsWith(line, "State machine transitioning to ");
+        });
+        EXPECT_EQ(std::vector<std::string>(lines.begin(), end), expected);
+        EXPECT_EQ(rig.transitions(), row.transitions);
+        EXPECT_EQ(rig.current(), row.transitions.back());
+        EXPECT_EQ(rig.can->filtersOn(kBus0), filtersOf.at(row.transitions.back()));
+        EXPECT_EQ(rig.values(rig.properties->manufacturer), row.manufacturer);
+        EXPECT_EQ(rig.values(rig.properties->manufacturerCode),
+                  row.code < 0 ? std::vector<int>{} : std::vector<int>{row.code});
+        const std::string detected = row.manufacturer.empty() ? "" : row.manufacturer.back();
+        EXPECT_EQ(rig.detectedFileText(),
+                  "{\n    \"detectedManufacturer\": \"" + detected + "\"\n}\n");
+    }
 }
-
-class CompliantSender : public testing::TestWithParam<CodeCase> {};
-
-TEST_P(CompliantSender, CodeChoosesNextStateAndIsRecorded) {
-    const CodeCase& c = GetParam();
-    StateMachineRig rig;
-    rig.toManufacturerDetector();
-    rig.log.clear();
-    rig.can->deliver(Bus::MACHINE_250K, 0xFEF2, kFrame, c.code);
-
-    EXPECT_EQ(rig.transitions(), c.transitions);
-    EXPECT_EQ(rig.current(), c.transitions.back());
-    EXPECT_EQ(rig.values(rig.properties->manufacturer), c.manufacturer);
-    EXPECT_EQ(rig.values(rig.properties->manufacturerCode), std::vector<int>{c.code});
-    EXPECT_EQ(rig.log.lines()[0], "Address Claiming and Registration has finished");
-    EXPECT_EQ(rig.log.lines()[1], "Received pgn message 0xfef2 from ECU with manufacturer code " +
-                                      std::to_string(c.code));
-    EXPECT_EQ(rig.log.lines()[2], "Message came from ISO complient ECU");
-    EXPECT_EQ(rig.can->filtersOn(Bus::MACHINE_250K), c.filters);
-    const std::string detected = c.manufacturer.empty() ? "" : c.manufacturer.back();
-    EXPECT_EQ(rig.detectedFileText(), "{\n    \"detectedManufacturer\": \"" + detected + "\"\n}\n");
-}
-
-const Groups kCase = {0xFF12, 0xFF7A};
-const std::string kGeneric = "GenericCanPropertyReader";
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Codes, CompliantSender, testing::Values(
-    CodeCase{213, {"CaseModelDetector"}, {"CaseIH"}, kCase}, CodeCase{7, {"CaseModelDetector"}, {"CaseIH"}, kCase},
-    CodeCase{70, {"CaseModelDetector"}, {"CaseIH"}, kCase}, CodeCase{94, {"CaseModelDetector"}, {"CaseIH"}, kCase},
-    CodeCase{84, {"CaseModelDetector", "AgcoModelDetector"}, {"New Holland", "AGCO"}, {0xFEEC}},
-    CodeCase{102, {"AgcoModelDetector"}, {"AGCO"}, {0xFEEC}},
-    CodeCase{10, {kGeneric, kGeneric}, {"Cummins"}, standardGroups()},
-    CodeCase{1, {kGeneric}, {}, standardGroups()}, CodeCase{0, {kGeneric}, {}, standardGroups()}));
-// clang-format on
 
 TEST(ManufacturerDetector, WaitsForAddressClaimButWritesFileEveryFrame) {
     StateMachineRig rig;
     rig.start();
-    rig.can->deliver(Bus::MACHINE_500K, 0xF004, kFrame);  // no address claimed
+    rig.can->deliver(Bus::MACHINE_500K, 0xF004, kZeros);  // no address claimed
     rig.properties->manufacturer.set("flushed");
     rig.properties->manufacturer.swapBuffers();
     rig.log.clear();
     for (int frame = 0; frame < 2; ++frame) {
         boost::filesystem::remove(rig.detectedFile);
-        rig.can->deliver(Bus::MACHINE_500K, 0xF004, kFrame, 213);
+        rig.can->deliver(Bus::MACHINE_500K, 0xF004, kZeros, 213);
         EXPECT_EQ(rig.detectedFileText(), "{\n    \"detectedManufacturer\": \"\"\n}\n");
     }
     EXPECT_EQ(rig.current(), "ManufacturerDetector");
@@ -129,52 +153,12 @@ TEST(ManufacturerDetector, WaitsForAddressClaimButWritesFileEveryFrame) {
               1);
 }
 
-struct NoNameCase {
-    std::map<int, std::vector<int>> nodes;  // manufacturer codes per channel
-    std::string user;
-    std::string state;
-    std::vector<std::string> manufacturer;
-};
-void PrintTo(const NoNameCase& c, std::ostream* os) {
-    *os << '"' << c.user << "\" " << c.state;
-}
-
-class SenderWithoutName : public testing::TestWithParam<NoNameCase> {};
-
-TEST_P(SenderWithoutName, FallsBackOnChannelOneThenOnTheUser) {
-    const NoNameCase& c = GetParam();
-    StateMachineRig rig("{\"manufacturer\": \"" + c.user + "\"}");
-    rig.can->nodesByChannel = c.nodes;
-    rig.toManufacturerDetector(Bus::MACHINE_500K);
-    rig.can->deliver(Bus::MACHINE_500K, 0xF004, kFrame);
-
-    EXPECT_EQ(rig.current(), c.state);
-    EXPECT_EQ(rig.values(rig.properties->manufacturer), c.manufacturer);
-    EXPECT_TRUE(rig.properties->manufacturerCode.unflushedSamples().empty());
-    EXPECT_EQ(rig.log.count("Received pgn message 0xf004 from ECU with manufacturer code -1"), 1);
-    EXPECT_EQ(rig.log.count("Message is from noncompliant ECU"), 1);
-    EXPECT_EQ(rig.log.count("The user-selected manufacturer is \"" + c.user + "\""), 1);
-}
-
-const std::map<int, std::vector<int>> kCaseOn1 = {{1, {33, 213}}},
-                                      kCaseOn0 = {{0, {213}}, {1, {33}}};
-const char* const kCaseModel = "CaseModelDetector";
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Fallbacks, SenderWithoutName, testing::Values(
-    NoNameCase{kCaseOn1, "Miller", kCaseModel, {"CaseIH"}}, NoNameCase{kCaseOn1, "", kCaseModel, {"CaseIH"}},
-    NoNameCase{kCaseOn0, "", kGeneric, {}}, NoNameCase{{}, "CaseIH", kCaseModel, {"CaseIH"}},
-    NoNameCase{{}, "New Holland", kCaseModel, {"New Holland"}}, NoNameCase{{}, "Miller", kCaseModel, {"Miller"}},
-    NoNameCase{{}, "AGCO", kGeneric, {}}, NoNameCase{{}, "caseih", kGeneric, {}},
-    NoNameCase{{}, "Miller ", kGeneric, {}}));
-// clang-format on
-
 TEST(ManufacturerDetector, UserSelectionIsTextAndCountsOnlyUntilFlushed) {
     StateMachineRig rig("{\"manufacturer\": \"CaseIH\", \"model\": 7040}");
     rig.toManufacturerDetector();
     EXPECT_EQ(rig.values(rig.properties->userSelected_model), std::vector<std::string>{"7040"});
     rig.properties->userSelected_manufacturer.swapBuffers();
-    rig.can->deliver(Bus::MACHINE_250K, 0xF004, kFrame);
+    rig.can->deliver(kBus0, 0xF004, kZeros);
     EXPECT_EQ(rig.current(), kGeneric);
 }
 
@@ -184,9 +168,10 @@ TEST(ManufacturerDetector, BadUserFileIsLoggedForBothKeysAndIgnored) {
         rig.toManufacturerDetector();
         const std::string line = "ERROR Error reading " + rig.userFile +
                                  "cannot find user selected manufacturer. Details: ";
-        ASSERT_GE(rig.log.lines().size(), 6u);
+        const auto lines = rig.log.lines();
+        ASSERT_GE(lines.size(), 6u);
         for (int i : {4, 5}) {  // after the two transitions and the bus choice
-            EXPECT_EQ(rig.log.lines()[i].compare(0, line.size(), line), 0) << content;
+            EXPECT_TRUE(logtest::startsWith(lines[i], line)) << content;
         }
         EXPECT_TRUE(rig.properties->userSelected_manufacturer.unflushedSamples().empty());
         EXPECT_EQ(rig.current(), "ManufacturerDetector");
@@ -197,9 +182,9 @@ TEST(ManufacturerDetector, UnwritableFileIsLoggedAfterTheTransition) {
     StateMachineRig rig;
     std::ofstream(rig.dir / "telematics") << "a file where the folder should be";
     rig.identify(213);
-    EXPECT_EQ(rig.current(), "CaseModelDetector");
-    const std::string line = "ERROR Error writing to detected machine file: ";
-    EXPECT_EQ(rig.log.lines().back().compare(0, line.size(), line), 0);
+    EXPECT_EQ(rig.current(), kCaseModel);
+    EXPECT_TRUE(logtest::startsWith(rig.log.lines().back(),
+                                    "ERROR Error writing to detected machine file: "));
 }
 
 }  // namespace

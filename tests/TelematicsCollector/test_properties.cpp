@@ -71,7 +71,6 @@ TEST(Properties, ListsHoldTheirMembersInOrder) {
     EXPECT_EQ(names(properties.userSelectedProperties),
               (Names{"userSelected_manufacturer", "userSelected_model"}));
     EXPECT_EQ(names(properties.detectedProperties), (Names{"manufacturer", "model"}));
-    EXPECT_EQ(properties.engineProperties[0], &properties.rpm);
 }
 
 TEST(Properties, FlushLogsEverySampleOnceWithItsType) {

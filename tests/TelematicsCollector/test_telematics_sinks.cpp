@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -13,20 +12,24 @@
 #include "TelematicsCollector/telematicsicesink.h"
 #include "TelematicsCollector/telematicsmessageconstructor.h"
 #include "TelematicsCollector/telematicszmqsink.h"
+#include "app/loopback.h"
 #include "ice/ice_test_server.h"
-#include "ice/log_capture.h"
+#include "support/log_capture.h"
 
 using icetest::IceTestServer;
 using icetest::Reply;
 using logtest::LogCapture;
 using nvsf::telemalog::ValueMap;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::EndsWith;
+using ::testing::StartsWith;
 
 namespace {
 
 using Constructors = std::vector<std::shared_ptr<TelematicsMessageConstructor>>;
 
-const char* kCategory = "tilthwatch.telematicsicesink";
 const std::string kFailure = "Failed to send telematics to ice: ";
 
 // Gives a fixed message, or none, whatever the record.
@@ -58,20 +61,14 @@ ValueMap recordWithRpm(int events) {
     return record;
 }
 
-int closedPort() {
-    return IceTestServer().port();
-}
-
 TEST(TelematicsIceSink, DeliversEachBuiltMessageOnceAsJson) {
-    IceTestServer server;
-    server.setSuccessValue(-1);  // any reply counts as delivered
-    LogCapture capture(kCategory);
-    auto properties = std::make_shared<Properties>();
-    TelematicsIceSink sink(
-        Constructors{std::make_shared<MachineTelematicsMessageConstructor>(properties),
-                     std::make_shared<FixedConstructor>("skipped", "x", false),
-                     std::make_shared<FixedConstructor>("second", "2")},
-        "127.0.0.1", server.port());
+    IceTestServer server(-1);  // any reply counts as delivered
+    LogCapture capture("tilthwatch.telematicsicesink");
+    TelematicsIceSink sink(Constructors{std::make_shared<MachineTelematicsMessageConstructor>(
+                                            std::make_shared<Properties>()),
+                                        std::make_shared<FixedConstructor>("skipped", "x", false),
+                                        std::make_shared<FixedConstructor>("second", "2")},
+                           "127.0.0.1", server.port());
 
     sink.log(recordWithRpm(1));
 
@@ -87,104 +84,77 @@ TEST(TelematicsIceSink, DeliversEachBuiltMessageOnceAsJson) {
                 ElementsAre("machineTelematics " + calls[0].sPayload, "second 2"));
 }
 
-// Each row: how the service fails the first attempts, then the ERROR lines expected.
-struct RetryCase {
-    const char* name;
-    std::vector<Reply> replies;
-    std::vector<std::string> errors;
-};
-void PrintTo(const RetryCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class TelematicsIceSinkRetry : public ::testing::TestWithParam<RetryCase> {};
-
-TEST_P(TelematicsIceSinkRetry, RetriesAtOnceThenDrops) {
-    const RetryCase& c = GetParam();
-    IceTestServer server;
-    server.queueReplies(c.replies);
-    LogCapture capture(kCategory);
-    TelematicsIceSink sink(Constructors{}, "127.0.0.1", server.port());
-
-    sink.sendToIce("machineTelematics", "{}");
-
-    // Three attempts at most; the one after the failures is answered.
-    EXPECT_EQ(server.calls().size(), std::min<std::size_t>(3, c.replies.size() + 1));
-    EXPECT_EQ(capture.errors(), c.errors);
-}
-
-const std::string kAppError = kFailure + "TApplicationException: Internal error";
-const Reply kFail = Reply::ApplicationError;
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TelematicsIceSinkRetry,
-    ::testing::Values(
-        RetryCase{"FirstAttemptSucceeds", {}, {}},
-        RetryCase{"SecondAttemptSucceeds", {kFail}, {kAppError + " Retrying."}},
-        RetryCase{"ThirdAttemptSucceeds",
-                  {Reply::DropConnection, kFail},
-                  {kFailure + "No more data to read. Retrying.", kAppError + " Retrying."}},
-        RetryCase{"AllThreeFail",
-                  {kFail, kFail, kFail},
-                  {kAppError + " Retrying.", kAppError + " Retrying.", kAppError + " Aborting."}},
+// Three attempts at once, then the message is dropped; the attempt after the failures is
+// answered.
+TEST(TelematicsIceSink, RetriesAtOnceThenDrops) {
+    const std::string app = kFailure + "TApplicationException: Internal error";
+    const std::string drop = kFailure + "No more data to read.";
+    const std::string bad = kFailure + "Bad version identifier";
+    const std::string retry = " Retrying.", aborted = " Aborting.";
+    const auto retrying = AllOf(StartsWith(kFailure), EndsWith(retry));
+    const auto aborting = AllOf(StartsWith(kFailure), EndsWith(aborted));
+    const Reply fail = Reply::ApplicationError;
+    struct Row {
+        const char* name;
+        bool down;
+        std::size_t calls;
+        std::vector<Reply> replies;
+        std::vector<::testing::Matcher<std::string>> errors;
+    };
+    const std::vector<Row> rows = {
+        {"FirstSucceeds", false, 1, {}, {}},
+        {"SecondSucceeds", false, 2, {fail}, {app + retry}},
+        {"ThirdSucceeds", false, 3, {Reply::DropConnection, fail}, {drop + retry, app + retry}},
+        {"AllThreeFail", false, 3, {fail, fail, fail}, {app + retry, app + retry, app + aborted}},
         // A protocol fault logs its text a second time on its own. Thrift sets a message on
         // a bad version, and a set message replaces the type's text.
-        RetryCase{"ProtocolFaultIsLoggedTwice",
-                  {Reply::BadVersion},
-                  {kFailure + "Bad version identifier Retrying.", "Bad version identifier"}}),
-    [](const ::testing::TestParamInfo<RetryCase>& info) { return info.param.name; });
+        {"ProtocolTwice", false, 2, {Reply::BadVersion}, {bad + retry, "Bad version identifier"}},
+        {"ServiceDown", true, 0, {}, {retrying, retrying, aborting}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        IceTestServer server;
+        server.queueReplies(r.replies);
+        if (r.down) {
+            server.stop();
+        }
+        LogCapture capture("tilthwatch.telematicsicesink");
+        TelematicsIceSink sink(Constructors{std::make_shared<FixedConstructor>("t", "{}")},
+                               "127.0.0.1", server.port());
 
-TEST(TelematicsIceSink, ServiceDownGivesThreeErrorsAndDropsTheRecord) {
-    LogCapture capture(kCategory);
-    auto properties = std::make_shared<Properties>();
-    TelematicsIceSink sink(
-        Constructors{std::make_shared<MachineTelematicsMessageConstructor>(properties)},
-        "127.0.0.1", closedPort());
+        sink.log(ValueMap());
 
-    sink.log(recordWithRpm(1));
-
-    const std::vector<std::string> errors = capture.errors();
-    ASSERT_EQ(errors.size(), 3u);
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_TRUE(logtest::startsWith(errors[i], kFailure)) << errors[i];
-        const std::string tail = i < 2 ? " Retrying." : " Aborting.";
-        EXPECT_EQ(errors[i].substr(errors[i].size() - tail.size()), tail);
+        EXPECT_EQ(server.calls().size(), r.calls);
+        EXPECT_THAT(capture.errors(), ElementsAreArray(r.errors));
     }
 }
 
 // Publishes through `sink` until a frame arrives: a new subscription takes a moment to reach
 // the publisher, and frames sent before it are dropped.
 std::string firstFrame(TelematicsZmqSink& sink, const ValueMap& record) {
-    zmq::context_t context;
-    zmq::socket_t subscriber(context, zmq::socket_type::sub);
-    subscriber.set(zmq::sockopt::subscribe, "");
-    subscriber.set(zmq::sockopt::rcvtimeo, 100);
-    subscriber.connect(sink.boundEndpoint());
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
+    apptest::FrameCollector subscriber(sink.boundEndpoint());
+    const auto published = [&] {
         sink.log(record);
-        zmq::message_t frame;
-        if (subscriber.recv(frame)) {
-            return frame.to_string();
-        }
+        return !subscriber.frames().empty();
+    };
+    if (!apptest::eventually(published, std::chrono::seconds(10))) {
+        return "no frame received";
     }
-    return "no frame received";
+    return subscriber.frames().front().bytes;
 }
 
-TEST(TelematicsZmqSink, PublishesTheStatusWithItsZeroByte) {
-    auto properties = std::make_shared<Properties>();
-    TelematicsZmqSink sink(
-        Constructors{std::make_shared<MachineTelematicsStatusMessageConstructor>(properties)},
-        "tcp://127.0.0.1:*");
+// The frame is the body's text up to a zero byte, padded to the body's length plus one.
+TEST(TelematicsZmqSink, PublishesTheBodyWithItsZeroByte) {
+    auto status =
+        std::make_shared<MachineTelematicsStatusMessageConstructor>(std::make_shared<Properties>());
+    TelematicsZmqSink sink(Constructors{status}, "tcp://127.0.0.1:*");
     EXPECT_EQ(firstFrame(sink, recordWithRpm(1)), std::string("ETS 2\0", 6));
     EXPECT_EQ(firstFrame(sink, recordWithRpm(0)), std::string("ETS 0\0", 6));
-}
 
-TEST(TelematicsZmqSink, SendsTheBodyOnlyCutAtAnInnerZero) {
-    TelematicsZmqSink sink(
+    TelematicsZmqSink cut(
         Constructors{std::make_shared<FixedConstructor>("ignored", std::string("ab\0cd", 5))},
         "tcp://127.0.0.1:*");
-    EXPECT_EQ(firstFrame(sink, ValueMap()), std::string("ab\0\0\0\0", 6));
+    EXPECT_EQ(firstFrame(cut, ValueMap()), std::string("ab\0\0\0\0", 6));
 }
 
 TEST(TelematicsZmqSink, SecondSinkOnTheSameEndpointFailsAtConstruction) {

@@ -1,17 +1,11 @@
 #pragma once
 
-// Loopback peers for driving the run loop: a free port for its ZeroMQ endpoint and a
-// subscriber that timestamps every frame.
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+// Loopback peers for driving the run loop: a subscriber that timestamps every frame, and a
+// way to wait for a condition without sleeping longer than needed.
 
 #include <atomic>
 #include <chrono>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,24 +14,17 @@
 
 namespace apptest {
 
-// A port the kernel just handed out and that is free again; good enough between tests.
-inline int freeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) {
-        throw std::runtime_error("socket");
+// Polls `done` until it holds or `timeout` passes; gives its last answer.
+template <typename Predicate>
+bool eventually(Predicate done, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ::close(fd);
-        throw std::runtime_error("bind");
-    }
-    ::close(fd);
-    return ntohs(address.sin_port);
+    return true;
 }
 
 struct Frame {
@@ -71,16 +58,8 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return frames_;
     }
-
     bool waitForFrames(std::size_t n, std::chrono::milliseconds timeout) const {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (frames().size() >= n) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return frames().size() >= n;
+        return eventually([&] { return frames().size() >= n; }, timeout);
     }
 
 private:

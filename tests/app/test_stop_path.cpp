@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "app/loopback.h"
@@ -18,6 +17,7 @@
 
 extern char** environ;
 
+using apptest::eventually;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -46,58 +46,32 @@ public:
     bool started() const { return pid_ > 0; }
     void signal(int number) { ::kill(pid_, number); }
 
-    // Waits for the exit; false on timeout. `status` is the raw wait status.
-    bool waitForExit(milliseconds timeout, int& status) {
-        const auto deadline = steady_clock::now() + timeout;
-        do {
-            const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-            if (done == pid_) {
-                pid_ = -1;
-                return true;
-            }
-            std::this_thread::sleep_for(milliseconds(5));
-        } while (steady_clock::now() < deadline);
-        return false;
+    // True once the child exited within `timeout` with status 0.
+    bool exitsWithZero(milliseconds timeout) {
+        int status = 0;
+        if (!eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+            return false;
+        }
+        pid_ = -1;
+        return WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
 
 private:
     pid_t pid_ = -1;
 };
 
-bool canConnect(int port) {
+// Connects to, or binds, a TCP port on this machine; true on success.
+bool tryPort(int port, bool connect) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(connect ? INADDR_LOOPBACK : INADDR_ANY);
     address.sin_port = htons(static_cast<uint16_t>(port));
-    const bool connected =
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const auto* raw = reinterpret_cast<sockaddr*>(&address);
+    const bool ok =
+        connect ? ::connect(fd, raw, sizeof address) == 0 : ::bind(fd, raw, sizeof address) == 0;
     ::close(fd);
-    return connected;
-}
-
-bool canBind(int port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return bound;
-}
-
-// The publisher is bound only after the stop signals are blocked: once it accepts, a signal
-// can no longer end the process by its default action.
-bool waitUntilListening(int port) {
-    const auto deadline = steady_clock::now() + milliseconds(15000);
-    while (!canConnect(port)) {
-        if (steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    return true;
+    return ok;
 }
 
 // The stop budget: two seconds, plus one delivery on loopback.
@@ -107,7 +81,7 @@ class StopPath : public ::testing::TestWithParam<int> {};
 
 TEST_P(StopPath, SignalDeliversTheOpenIntervalAndExitsWithZero) {
     icetest::IceTestServer ice;
-    const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(apptest::freeLoopbackPort());
+    const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(icetest::freePort());
     apptest::FrameCollector subscriber(endpoint);
     // Long enough that no regular pass falls between the signal and the exit.
     Child daemon({TILTHWATCH_STOP_DAEMON, std::to_string(ice.port()), endpoint, "1000"});
@@ -115,17 +89,14 @@ TEST_P(StopPath, SignalDeliversTheOpenIntervalAndExitsWithZero) {
 
     // One regular record proves the loop runs and the subscriber is connected.
     ASSERT_TRUE(subscriber.waitForFrames(1, milliseconds(15000)));
-    ASSERT_TRUE(ice.waitForCalls(1, milliseconds(5000)));
+    ASSERT_TRUE(eventually([&] { return !ice.calls().empty(); }, milliseconds(5000)));
     const std::size_t callsBefore = ice.calls().size();
     const std::size_t framesBefore = subscriber.frames().size();
 
     const auto signalled = steady_clock::now();
     daemon.signal(GetParam());
-    int status = 0;
-    ASSERT_TRUE(daemon.waitForExit(kStopBudget, status));
+    ASSERT_TRUE(daemon.exitsWithZero(kStopBudget));
     EXPECT_LT(steady_clock::now() - signalled, kStopBudget);
-    ASSERT_TRUE(WIFEXITED(status)) << "raw status " << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 
     const std::vector<icetest::Call> calls = ice.calls();
     ASSERT_GE(calls.size(), callsBefore + 1);
@@ -144,21 +115,19 @@ INSTANTIATE_TEST_SUITE_P(Signals, StopPath, ::testing::Values(SIGTERM, SIGINT),
                          });
 
 // The service itself, with its compiled-in peers: the Ice port is normally closed here, so the
-// last delivery only logs errors.
+// last delivery only logs errors. Its publisher is bound only after the stop signals are
+// blocked, so once it accepts, a signal can no longer end it by the default action.
 TEST(Service, ExitsWithZeroOnSigterm) {
     const int zmqPort = 4499;
-    if (!canBind(zmqPort) || canConnect(9090)) {
+    if (!tryPort(zmqPort, false) || tryPort(9090, true)) {
         GTEST_SKIP() << "the service's ports are in use on this machine";
     }
     Child service({TILTHWATCH_SERVICE});
     ASSERT_TRUE(service.started());
-    ASSERT_TRUE(waitUntilListening(zmqPort));
+    ASSERT_TRUE(eventually([&] { return tryPort(zmqPort, true); }, milliseconds(15000)));
 
     service.signal(SIGTERM);
-    int status = 0;
-    ASSERT_TRUE(service.waitForExit(kStopBudget, status));
-    ASSERT_TRUE(WIFEXITED(status)) << "raw status " << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_TRUE(service.exitsWithZero(kStopBudget));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 namespace {
 using NM = NetworkManagementClass;
 const char* const OWNER = "Internal Control Function";
+const std::vector<uint8_t> CLAIM_REQUEST = {0x00, 0xEE, 0x00};
 
 std::vector<uint8_t> nameBytes(uint64_t name) {
     std::vector<uint8_t> bytes(8);
@@ -17,37 +18,35 @@ std::vector<uint8_t> nameBytes(uint64_t name) {
     return bytes;
 }
 
-// Steps single updates until the state is reached; false after `limit` ms.
-bool runUntilState(SimulatedBus& bus, InternalControlFunctionClass& cf, ClaimState state,
-                   uint32_t limit = 3000) {
-    for (uint32_t t = 0; t < limit; t += 10) {
-        if (cf.getClaimState() == state) {
-            return true;
-        }
-        bus.advance(10);
-        bus.update();
-    }
-    return cf.getClaimState() == state;
+// Steps updates until the function reaches the state.
+bool runUntilState(SimulatedBus& bus, InternalControlFunctionClass& cf, ClaimState state) {
+    return bus.runUntil([&cf, state] { return cf.getClaimState() == state; });
 }
 }  // namespace
 
-void claimFreeFirstAddress(uint32_t startTime) {
+using CanStackClaimOnBus = BusTest;
+using CanStackClaimed = ClaimedTest;
+
+// From a free first address, once at an ordinary time and once across the clock wrap.
+class CanStackFreeAddress : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(CanStackFreeAddress, ClaimedAfterTheRandomDelayAndTwoHolds) {
     SimulatedBus bus;
+    const uint32_t startTime = GetParam();
     SimulatedBus::now() = startTime;
     TestInternalControlFunction self(testNAME(1234), 0, {0x80, 0x81});
-    const uint32_t start = SimulatedBus::now();
     uint32_t claimedAt = 0;
     for (uint32_t t = 0; t < 2000 && claimedAt == 0; t += 5) {
         bus.update();
-        if (self.getClaimState() != CLAIM_STATE_CLAIMED) {
-            EXPECT_FALSE(self.isAddressValid());
-        } else {
+        if (self.getClaimState() == CLAIM_STATE_CLAIMED) {
             claimedAt = SimulatedBus::now();
+        } else {
+            EXPECT_FALSE(self.isAddressValid());
         }
         bus.advance(5);
     }
     ASSERT_NE(claimedAt, 0u);
-    EXPECT_GE(claimedAt - start, self.getRandomDelay() + 500u);
+    EXPECT_GE(claimedAt - startTime, self.getRandomDelay() + 500u);
     EXPECT_TRUE(self.isAddressValid());
     EXPECT_EQ(self.getAddress(), 0x80);
     EXPECT_EQ(NM::getControlFunction(0, 0x80), &self);
@@ -56,19 +55,12 @@ void claimFreeFirstAddress(uint32_t startTime) {
 
     ASSERT_EQ(bus.frames.size(), 2u);
     EXPECT_EQ(bus.frames[0].identifier, 0x18EAFFFEu);
-    EXPECT_EQ(bus.frames[0].data, (std::vector<uint8_t>{0x00, 0xEE, 0x00}));
+    EXPECT_EQ(bus.frames[0].data, CLAIM_REQUEST);
     EXPECT_EQ(bus.frames[1].identifier, 0x18EEFF80u);
     EXPECT_EQ(bus.frames[1].data, nameBytes(testNAME(1234)));
     EXPECT_TRUE(bus.frames[1].immediate);
 }
-
-TEST(CanStackAddressClaim, FreeFirstAddressIsHeldAfterDelayAndTwoHolds) {
-    claimFreeFirstAddress(1000);
-}
-
-TEST(CanStackAddressClaim, TimersWorkAcrossTheClockWrap) {
-    claimFreeFirstAddress(0xFFFFFF00u);
-}
+INSTANTIATE_TEST_SUITE_P(StartTimes, CanStackFreeAddress, ::testing::Values(1000u, 0xFFFFFF00u));
 
 TEST(CanStackAddressClaim, RandomDelayStaysWithinRange) {
     for (uint32_t identity = 0; identity < 300; ++identity) {
@@ -77,9 +69,7 @@ TEST(CanStackAddressClaim, RandomDelayStaysWithinRange) {
     }
 }
 
-TEST(CanStackAddressClaim, NotSelfConfigurableEndsIdleAfterCannotClaim) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackClaimOnBus, NotSelfConfigurableEndsIdleAfterCannotClaim) {
     bus.receiveClaim(0, 0x80, testNAME(1, 1, false));  // lower NAME than ours
     TestInternalControlFunction self(testNAME(50, 151, false), 0, {0x80, 0x81});
     ASSERT_TRUE(self.setPreferredAddress(0x80));
@@ -90,15 +80,13 @@ TEST(CanStackAddressClaim, NotSelfConfigurableEndsIdleAfterCannotClaim) {
     EXPECT_EQ(claims[0].source(), 254);
     EXPECT_EQ(self.getAddress(), 254);
     // A request for address claim brings the cannot-claim message again.
-    bus.receive(0, 0x18EAFF80u, {0x00, 0xEE, 0x00});
+    bus.receive(0, 0x18EAFF80u, CLAIM_REQUEST);
     bus.run(30);
     EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), 2u);
     EXPECT_EQ(self.getClaimState(), CLAIM_STATE_IDLE);
 }
 
-TEST(CanStackAddressClaim, SelfConfigurableWalksItsListThenContestsByNAME) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackClaimOnBus, SelfConfigurableWalksItsListThenContestsByNAME) {
     bus.receiveClaim(0, 0x80, testNAME(1));
     bus.receiveClaim(0, 0x81, testNAME(2));
     TestInternalControlFunction walker(testNAME(100), 0, {0x80, 0x81, 0x82});
@@ -119,51 +107,38 @@ TEST(CanStackAddressClaim, SelfConfigurableWalksItsListThenContestsByNAME) {
 }
 
 TEST(CanStackAddressClaim, OnlyANumericallyLowerNAMEWinsTheContest) {
-    struct Case {
-        int64_t occupantOffset;
-        bool wins;
-    };
-    for (const Case c : {Case{-1, false}, Case{0, false}, Case{1, true}}) {
+    for (const int64_t occupantOffset : {-1, 0, 1}) {
         SimulatedBus bus;
         bus.update();
         const uint64_t own = testNAME(100, 151, false);
-        UnregisteredControlFunctionClass occupant(
-            NAMEClass(static_cast<uint64_t>(static_cast<int64_t>(own) + c.occupantOffset)), 0x80,
-            0);
+        UnregisteredControlFunctionClass occupant(NAMEClass(own + occupantOffset), 0x80, 0);
         NM::controlFunctionTable[0][0x80] = &occupant;
         TestInternalControlFunction self(own, 0, {0x80});
-        const bool claimed = bus.runUntilClaimed(self, 2000);
-        EXPECT_EQ(claimed, c.wins) << c.occupantOffset;
-        EXPECT_EQ(self.getClaimState(), c.wins ? CLAIM_STATE_CLAIMED : CLAIM_STATE_IDLE);
+        const bool wins = occupantOffset > 0;
+        EXPECT_EQ(bus.runUntilClaimed(self, 2000), wins) << occupantOffset;
+        EXPECT_EQ(self.getClaimState(), wins ? CLAIM_STATE_CLAIMED : CLAIM_STATE_IDLE);
         NM::controlFunctionTable[0][0x80] = nullptr;
         NM::removeLostDevice(&occupant);
     }
 }
 
-TEST(CanStackAddressClaim, ContestInClaimedStateWonByLowerNAME) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80, 0x81});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackClaimed, ContestInClaimedStateWonByLowerNAME) {
     const size_t before = bus.framesWithPGN(0xEE00).size();
     bus.receiveClaim(0, 0x80, testNAME(300));  // weaker NAME takes our column
     EXPECT_EQ(self.getAddress(), 254);
-    bus.run(10);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), before);
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_LOST_ADDRESS);
-    bus.run(10);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), before + 1);
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT);
-    bus.run(10);
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_CLAIMED);
+    const ClaimState states[] = {CLAIM_STATE_LOST_ADDRESS, CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT,
+                                 CLAIM_STATE_CLAIMED};
+    for (size_t step = 0; step < 3; ++step) {
+        bus.run(10);
+        EXPECT_EQ(self.getClaimState(), states[step]) << step;
+        EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), before + (step == 0 ? 0 : 1)) << step;
+    }
     EXPECT_EQ(self.getAddress(), 0x80);
     EXPECT_EQ(NM::getControlFunction(0, 0x80), &self);
     EXPECT_EQ(self.claimedCount, 2);
 }
 
-TEST(CanStackAddressClaim, ContestInClaimedStateLostRestartsFromRequest) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80, 0x81});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackClaimed, ContestInClaimedStateLostRestartsFromRequest) {
     bus.receiveClaim(0, 0x80, testNAME(5));  // stronger NAME
     bus.run(10);
     EXPECT_EQ(self.getClaimState(), CLAIM_STATE_LOST_ADDRESS);
@@ -177,15 +152,11 @@ TEST(CanStackAddressClaim, ContestInClaimedStateLostRestartsFromRequest) {
     EXPECT_EQ(self.getAddress(), 0x81);
 }
 
-TEST(CanStackAddressClaim, RequestChangeAddressByState) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackClaimOnBus, RequestChangeAddressByState) {
     bus.receiveClaim(0, 0x90, testNAME(1));
     TestInternalControlFunction self(testNAME(100), 0, {0x80});
     ASSERT_TRUE(runUntilState(bus, self, CLAIM_STATE_CLAIM_PERIOD));
     EXPECT_FALSE(self.requestChangeAddress(0x85));
-    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Invalid State Machine State"),
-              1u);
     ASSERT_TRUE(runUntilState(bus, self, CLAIM_STATE_CLAIMED));
 
     // The candidate itself: refused, yet the claim goes out again.
@@ -193,11 +164,13 @@ TEST(CanStackAddressClaim, RequestChangeAddressByState) {
     EXPECT_FALSE(self.requestChangeAddress(0x80));
     bus.run(10);
     EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
-
     EXPECT_FALSE(self.requestChangeAddress(0x90));
-    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Address Already In Use"), 1u);
     EXPECT_FALSE(self.requestChangeAddress(254));
-    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Invalid Address"), 1u);
+    for (const char* text : {"Request Change Address Failed Invalid State Machine State",
+                             "Request Change Address Failed Address Already In Use",
+                             "Request Change Address Failed Invalid Address"}) {
+        EXPECT_EQ(descriptionCount(OWNER, text), 1u) << text;
+    }
 
     ASSERT_TRUE(self.requestChangeAddress(0x85));
     EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
@@ -221,31 +194,30 @@ TEST(CanStackAddressClaim, PreferredAddressOnlyBeforeTheFirstStep) {
     EXPECT_EQ(self.getCandidateAddress(), 0x80);
 }
 
-TEST(CanStackAddressClaim, RequestForAddressClaimIsAnswered) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackClaimed, RequestForAddressClaimAndForeignUseOfOurAddressAreAnswered) {
     const size_t claims = bus.framesWithPGN(0xEE00).size();
-    bus.receive(0, 0x18EA8033u, {0x00, 0xEE, 0x00});  // addressed to us
+    bus.receive(0, 0x18EA8033u, CLAIM_REQUEST);  // addressed to us
     EXPECT_TRUE(self.isClaimRequested());
     bus.run(10);
     EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
     EXPECT_FALSE(self.isClaimRequested());
-    bus.receive(0, 0x18EAFFFEu, {0x00, 0xEE, 0x00});  // global, from the null address
+    bus.receive(0, 0x18EAFFFEu, CLAIM_REQUEST);  // global, from the null address
     EXPECT_TRUE(self.isClaimRequested());
-    bus.receive(0, 0x18EA3333u, {0x00, 0xEE, 0x00});  // for someone else
+    bus.receive(0, 0x18EA3333u, CLAIM_REQUEST);  // for someone else
     bus.run(10);
     EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 2);
     bus.receive(0, 0x18EAFF33u, {0x00, 0xEE});  // too short
     EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in PGN Request"), 1u);
+
+    // A frame from our own address: another device uses it.
+    bus.receive(0, 0x18FEF180u, {1, 2, 3});
+    EXPECT_TRUE(self.getAddressConflictSeen());
+    EXPECT_FALSE(self.getClaimConflictSeen());
+    EXPECT_TRUE(self.isClaimRequested());
 }
 
-TEST(CanStackAddressClaim, CommandedAddressMovesTheFunction) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackClaimed, CommandedAddressMovesTheFunction) {
     bus.receiveClaim(0, 0x20, testNAME(1));
-    ControlFunctionClass* commander = NM::getControlFunction(0, 0x20);
     std::vector<uint8_t> command = nameBytes(testNAME(100));
     command.push_back(0x99);
     uint32_t handle = 0;
@@ -253,7 +225,8 @@ TEST(CanStackAddressClaim, CommandedAddressMovesTheFunction) {
         NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL;
     ASSERT_TRUE(pool.acquireBuffer(9, handle));
     pool.writeBuffer(handle, command.data(), 0, 9);
-    CANLongMessageClass message(0xFED8, handle, nullptr, 9, commander, nullptr, "test");
+    CANLongMessageClass message(0xFED8, handle, nullptr, 9, NM::getControlFunction(0, 0x20),
+                                nullptr, "test");
     ASSERT_TRUE(message.isValid());
     NM::receiveMessage(&message);
     EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
@@ -270,20 +243,7 @@ TEST(CanStackAddressClaim, CommandedAddressMovesTheFunction) {
     pool.releaseBuffer(handle);
 }
 
-TEST(CanStackAddressClaim, SomeoneElseUsingOurAddressRaisesTheFlags) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
-    bus.receive(0, 0x18FEF180u, {1, 2, 3});
-    EXPECT_TRUE(self.getAddressConflictSeen());
-    EXPECT_FALSE(self.getClaimConflictSeen());
-    EXPECT_TRUE(self.isClaimRequested());
-}
-
-TEST(CanStackAddressClaim, DisabledFunctionLeavesTheTable) {
-    SimulatedBus bus;
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackClaimed, DisabledFunctionLeavesTheTable) {
     self.setEnabled(false);
     bus.run(10);
     EXPECT_EQ(self.getClaimState(), CLAIM_STATE_START);

@@ -9,6 +9,7 @@
 
 namespace {
 using NM = NetworkManagementClass;
+const char* const OWNER = "Registered Control Function";
 
 ControlFunctionClass* at(uint8_t channel, uint8_t address) {
     return NM::getControlFunction(channel, address);
@@ -19,6 +20,8 @@ void remember(RegisteredControlFunctionClass* function, uint8_t) {
     created.push_back(function);
 }
 }  // namespace
+
+using CanStackControlFunctionOnBus = BusTest;
 
 TEST(CanStackNAME, FieldsHaveTheirWidthsAndPlaces) {
     struct Case {
@@ -86,9 +89,7 @@ TEST(CanStackNAME, MatchingAgainstFieldLists) {
     EXPECT_TRUE(NAMEClass::matchesNAMEFields(identity, 3, deere));
 }
 
-TEST(CanStackRegisteredControlFunction, BindsByNAMEFieldsOnlyToASingleMatch) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, BindsByNAMEFieldsOnlyToASingleMatch) {
     bus.receiveClaim(0, 0x10, testNAME(1, 93));
     bus.receiveClaim(0, 0x11, testNAME(2, 93));
     const NAMEFieldEntry list[] = {{93, NAME_FIELD_MANUFACTURER_CODE}};
@@ -106,21 +107,15 @@ TEST(CanStackRegisteredControlFunction, BindsByNAMEFieldsOnlyToASingleMatch) {
     // The unregistered object now stands for nothing and waits in the lost list.
     EXPECT_TRUE(before->getNAME().isUnknown());
     EXPECT_TRUE(NM::isLostDevice(before));
-    ASSERT_EQ(created.size(), 1u);
-    EXPECT_EQ(created[0], &bound);
-}
+    EXPECT_EQ(created, (std::vector<RegisteredControlFunctionClass*>{&bound}));
 
-TEST(CanStackRegisteredControlFunction, UnboundByNAMEFieldsWaitsForTheClaim) {
-    SimulatedBus bus;
-    bus.update();
-    const NAMEFieldEntry list[] = {{93, NAME_FIELD_MANUFACTURER_CODE}};
-    RegisteredControlFunctionClass waiting(0, list, 1);
-    EXPECT_EQ(waiting.getNumberNAMEFields(), 1u);
-    bus.receiveClaim(0, 0x22, testNAME(5, 93));
+    // Unbound, it waits for a matching claim; a second match comes up unregistered, recorded.
+    const NAMEFieldEntry other[] = {{94, NAME_FIELD_MANUFACTURER_CODE}};
+    RegisteredControlFunctionClass waiting(0, other, 1);
+    bus.receiveClaim(0, 0x22, testNAME(5, 94));
     EXPECT_EQ(at(0, 0x22), &waiting);
-    EXPECT_EQ(waiting.getNAME().getNAME(), testNAME(5, 93));
-    // A second device matching the list comes up unregistered and is recorded.
-    bus.receiveClaim(0, 0x23, testNAME(6, 93));
+    EXPECT_EQ(waiting.getNAME().getNAME(), testNAME(5, 94));
+    bus.receiveClaim(0, 0x23, testNAME(6, 94));
     ASSERT_NE(at(0, 0x23), nullptr);
     EXPECT_EQ(at(0, 0x23)->getType(), 2);
     EXPECT_EQ(RegisteredControlFunctionClass::numberInvalidRegisteredControlFunctions, 1u);
@@ -129,9 +124,7 @@ TEST(CanStackRegisteredControlFunction, UnboundByNAMEFieldsWaitsForTheClaim) {
               &waiting);
 }
 
-TEST(CanStackRegisteredControlFunction, BindingByAddressLeavesTheOldDeviceBehind) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, BindingByAddressLeavesTheOldDeviceBehind) {
     bus.receiveClaim(0, 0x10, testNAME(1));
     bus.receiveClaim(0, 0x11, testNAME(2));
     RegisteredControlFunctionClass function(0, NAMEClass(testNAME(1)));
@@ -148,9 +141,7 @@ TEST(CanStackRegisteredControlFunction, BindingByAddressLeavesTheOldDeviceBehind
     EXPECT_EQ(heir->getNAME().getNAME(), testNAME(1));
 }
 
-TEST(CanStackRegisteredControlFunction, BindingByNAME) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, BindingByNAME) {
     TestInternalControlFunction self(testNAME(100), 0, {0x80});
     RegisteredControlFunctionClass early(0, NAMEClass(testNAME(7)));
     EXPECT_EQ(early.getAddress(), 254);
@@ -169,9 +160,7 @@ TEST(CanStackRegisteredControlFunction, BindingByNAME) {
     EXPECT_FALSE(early.bindByNAME(NAMEClass()));
 }
 
-TEST(CanStackControlFunction, SwapWithExchangesIdentityOnOneChannelOnly) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, SwapWithOnOneChannelOnlyAndResetByKind) {
     bus.receiveClaim(0, 0x10, testNAME(1));
     bus.receiveClaim(0, 0x11, testNAME(2));
     bus.receiveClaim(1, 0x10, testNAME(3));
@@ -187,28 +176,21 @@ TEST(CanStackControlFunction, SwapWithExchangesIdentityOnOneChannelOnly) {
     EXPECT_EQ(a->getAddress(), 0x11);
     EXPECT_EQ(a->getNAME().getNAME(), testNAME(2));
     EXPECT_EQ(b->getNAME().getNAME(), testNAME(1));
-}
 
-TEST(CanStackControlFunction, ResetOfRegisteredAndUnregisteredDiffers) {
-    SimulatedBus bus;
-    bus.update();
-    bus.receiveClaim(0, 0x10, testNAME(1));
-    bus.receiveClaim(0, 0x11, testNAME(2));
-    ControlFunctionClass* unregistered = at(0, 0x10);
+    // Both reset leave the table; only the unregistered one joins the lost devices.
     RegisteredControlFunctionClass registered(0, NAMEClass(testNAME(2)));
-    unregistered->reset();
+    ASSERT_EQ(at(0, 0x11), &registered);
+    b->reset();
     registered.reset();
     EXPECT_EQ(at(0, 0x10), nullptr);
     EXPECT_EQ(at(0, 0x11), nullptr);
-    EXPECT_TRUE(NM::isLostDevice(unregistered));
+    EXPECT_TRUE(NM::isLostDevice(b));
     EXPECT_FALSE(NM::isLostDevice(&registered));
-    EXPECT_TRUE(unregistered->getNAME().isUnknown());
+    EXPECT_TRUE(b->getNAME().isUnknown());
     EXPECT_TRUE(registered.getNAME().isUnknown());
 }
 
-TEST(CanStackDynamicRegisteredControlFunction, CreatesUpToItsMaximum) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, CreatesUpToItsMaximum) {
     bus.receiveClaim(0, 0x10, testNAME(1, 93));
     bus.receiveClaim(0, 0x11, testNAME(2, 93));
     bus.receiveClaim(0, 0x12, testNAME(3, 93));
@@ -243,21 +225,7 @@ TEST(CanStackDynamicRegisteredControlFunction, ReportsBadArgumentsWithoutStoppin
               1u);
 }
 
-TEST(CanStackRegisteredControlFunction, ParameterGroupCallbacksAreCappedAt255) {
-    RegisteredControlFunctionClass function(0, uint8_t{0x20});
-    auto callback = [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {};
-    for (uint32_t pgn = 0; pgn < 255; ++pgn) {
-        ASSERT_NE(function.addParameterGroupNumberCallback(pgn << 8, callback, nullptr), nullptr);
-    }
-    EXPECT_EQ(function.getNumberParameterGroupNumberCallbacks(), 255u);
-    EXPECT_EQ(function.addParameterGroupNumberCallback(0xFF00, callback, nullptr), nullptr);
-    EXPECT_EQ(descriptionCount("Registered Control Function", "Failed Adding PGN Callback to List"),
-              1u);
-}
-
-TEST(CanStackRegisteredControlFunction, DispatchesByParameterGroup) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackControlFunctionOnBus, DispatchesByParameterGroupToAtMost255Callbacks) {
     RegisteredControlFunctionClass function(0, NAMEClass(testNAME(7)));
     bus.receiveClaim(0, 0x30, testNAME(7));
     static std::vector<uint32_t> seen;
@@ -281,20 +249,12 @@ TEST(CanStackRegisteredControlFunction, DispatchesByParameterGroup) {
     }
     // The receiver's destructor took its node away.
     EXPECT_EQ(function.getNumberParameterGroupNumberCallbacks(), 1u);
-}
 
-TEST(CanStackNetworkManagement, ComparesChannelsAndCountsDevices) {
-    SimulatedBus bus;
-    bus.update();
-    EXPECT_TRUE(NM::compareChannels(0, 1));
-    EXPECT_TRUE(NM::compareChannels(2, 2));
-    EXPECT_FALSE(NM::compareChannels(0, 3));
-    bus.receiveClaim(0, 0x10, testNAME(1));
-    EXPECT_FALSE(NM::compareChannels(0, 1));
-    bus.receiveClaim(1, 0x10, testNAME(1));
-    EXPECT_TRUE(NM::compareChannels(0, 1));
-    RegisteredControlFunctionClass silent(0, uint8_t{0x40});
-    EXPECT_EQ(NetworkManagementStatisticsClass::NETWORK_MANAGEMENT_STATISTICS.countDevices(0), 1u);
-    bus.receive(0, 0x18FEF140u, {1});
-    EXPECT_EQ(NetworkManagementStatisticsClass::NETWORK_MANAGEMENT_STATISTICS.countDevices(0), 2u);
+    // At most 255 per function.
+    const uint32_t refusals = descriptionCount(OWNER, "Failed Adding PGN Callback to List");
+    for (uint32_t pgn = 1; pgn < 255; ++pgn) {
+        ASSERT_NE(function.addParameterGroupNumberCallback(pgn << 8, callback, nullptr), nullptr);
+    }
+    EXPECT_EQ(function.addParameterGroupNumberCallback(0xFF00, callback, nullptr), nullptr);
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding PGN Callback to List"), refusals + 1);
 }

@@ -42,7 +42,25 @@ struct TestProtocol : CANProtocolClass {
     void update() override { events.push_back("update"); }
     void receiveCANMessage(CANMessageClass*) override {}
 };
+
+// Load callbacks that log their kind; the exact one also supplies three bytes.
+enum LoadKind { ANY, PEER, EXACT };
+template <LoadKind kind>
+uint32_t load(uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t, uint8_t,
+              LoadParameterGroupNumberData* out) {
+    static const uint8_t payload[3] = {9, 8, 7};
+    events.push_back(kind == ANY ? "any" : kind == PEER ? "peer" : "exact");
+    if (kind != EXACT) {
+        return 0;
+    }
+    out->data = payload;
+    out->length = 3;
+    return 1;
+}
 }  // namespace
+
+using CanStackNetworkOnBus = BusTest;
+using CanStackNetworkClaimed = ClaimedTest;
 
 TEST(CanStackNetworkManagement, FramesBeforeTheFirstUpdateLeaveNoTrace) {
     SimulatedBus bus;
@@ -55,6 +73,11 @@ TEST(CanStackNetworkManagement, FramesBeforeTheFirstUpdateLeaveNoTrace) {
     EXPECT_EQ(Statistics::NETWORK_MANAGEMENT_STATISTICS.getReceivedCount(0), 0u);
     EXPECT_TRUE(events.empty());
     const uint8_t data[3] = {1, 2, 3};
+    uint32_t handle = 0;
+    EXPECT_EQ(NM::sendMessage(1, 0xFEF1, data, 3, 0, nullptr, nullptr, 255, 6, false, &handle,
+                              nullptr, false),
+              19u);
+    EXPECT_EQ(handle, 0xFFFFFFFFu);
     EXPECT_EQ(NM::sendStandardMessage(0x100, data, 3, 0), 19u);
     bus.update();
     bus.receiveClaim(0, 0x10, testNAME(1));
@@ -86,9 +109,7 @@ TEST(CanStackNetworkManagement, ProtocolsAndInitializersStartBeforeClaimsAreStep
         1u);
 }
 
-TEST(CanStackNetworkManagement, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackNetworkOnBus, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
     NM::addNewControlFunctionCallback(&recordNew);
     bus.receiveClaim(0, 0x10, testNAME(1));
     ControlFunctionClass* device = NM::getControlFunction(0, 0x10);
@@ -112,11 +133,7 @@ TEST(CanStackNetworkManagement, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME)
     EXPECT_EQ(events.size(), 1u);
 }
 
-TEST(CanStackNetworkManagement, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic) {
-    SimulatedBus bus;
-    bus.update();
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackNetworkClaimed, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic) {
     bus.receiveClaim(0, 0x10, testNAME(1));
     Receiver global("global");
     Receiver filtered("filter");
@@ -136,28 +153,20 @@ TEST(CanStackNetworkManagement, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic)
 }
 
 TEST(CanStackNetworkManagement, RejectRecordWinsInEitherOrder) {
-    SimulatedBus bus;
-    bus.update();
+    using Filter = FilteredMessageMatchingCallbackClass;
+    auto accept = [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); };
+    auto reject = [](Filter& f) {
+        return f.setSourceAddressByte(0x33) && f.setAction(Filter::ACTION_REJECT);
+    };
+    const uint8_t data[1] = {0};
     for (bool rejectFirst : {false, true}) {
-        FilteredMessageMatchingCallbackClass filter;
-        if (rejectFirst) {
-            ASSERT_TRUE(filter.setSourceAddressByte(0x33));
-            ASSERT_TRUE(filter.setAction(FilteredMessageMatchingCallbackClass::ACTION_REJECT));
-            ASSERT_TRUE(filter.addFilterRecord());
-            ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF1));
-        } else {
-            ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF1));
-            ASSERT_TRUE(filter.addFilterRecord());
-            ASSERT_TRUE(filter.setSourceAddressByte(0x33));
-            ASSERT_TRUE(filter.setAction(FilteredMessageMatchingCallbackClass::ACTION_REJECT));
-        }
-        const uint8_t data[1] = {0};
-        CANReceiveMessageClass both(1, 0x18FEF133u, data, 1, 0);
-        CANReceiveMessageClass acceptOnly(1, 0x18FEF134u, data, 1, 0);
-        CANReceiveMessageClass rejectOnly(1, 0x18FEF233u, data, 1, 0);
-        EXPECT_FALSE(filter.filterMatches(&both)) << rejectFirst;
-        EXPECT_TRUE(filter.filterMatches(&acceptOnly)) << rejectFirst;
-        EXPECT_FALSE(filter.filterMatches(&rejectOnly)) << rejectFirst;
+        Filter filter;
+        ASSERT_TRUE(rejectFirst ? reject(filter) : accept(filter));
+        ASSERT_TRUE(filter.addFilterRecord());
+        ASSERT_TRUE(rejectFirst ? accept(filter) : reject(filter));
+        EXPECT_FALSE(matches(filter, 1, 0x18FEF133u, data, 1, 0)) << rejectFirst;  // both
+        EXPECT_TRUE(matches(filter, 1, 0x18FEF134u, data, 1, 0)) << rejectFirst;   // accept only
+        EXPECT_FALSE(matches(filter, 1, 0x18FEF233u, data, 1, 0)) << rejectFirst;  // reject only
     }
 }
 
@@ -194,9 +203,7 @@ TEST(CanStackNetworkManagement, FilterFieldsAndSetterRules) {
     EXPECT_FALSE(matches(standard, 0, 0x123, match, 3, 2));
 }
 
-TEST(CanStackNetworkManagement, FilterOnSourceNAMEFallsBackToTheAddress) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackNetworkOnBus, FilterOnSourceNAMEFallsBackToTheAddress) {
     bus.receiveClaim(0, 0x10, testNAME(1, 93));
     FilteredMessageMatchingCallbackClass filter;
     ASSERT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
@@ -213,61 +220,36 @@ TEST(CanStackNetworkManagement, FilterOnSourceNAMEFallsBackToTheAddress) {
     EXPECT_FALSE(matches(filter, 1, 0x18FEF111u, data, 1, 0));
 }
 
-TEST(CanStackNetworkManagement, CallbackRemovingItselfEndsTheWalkForThatMessage) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackNetworkOnBus, CallbackRemovingItselfOrItsFilterEndsTheWalkForThatMessage) {
     static PgnFilter* filter = nullptr;
     static FILTERED_MESSAGE_CALLBACK_STRUCT* firstNode = nullptr;
-    PgnFilter instance(0xFEF1);
-    filter = &instance;
-    firstNode = instance.addCallback(
+    filter = new PgnFilter(0xFEF1);
+    firstNode = filter->addCallback(
         [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {
             events.push_back("first");
             filter->removeCallback(firstNode);
         },
         nullptr);
-    instance.addCallback(
-        [](CANMessageClass*, ReceiveCANMessageCallbackClass*) { events.push_back("second"); },
-        nullptr);
-    bus.receive(0, 0x18FEF101u, {1});
-    EXPECT_EQ(events, (std::vector<std::string>{"first"}));
-    bus.receive(0, 0x18FEF101u, {1});
-    EXPECT_EQ(events, (std::vector<std::string>{"first", "second"}));
-    EXPECT_EQ(instance.getNumberCallbacks(), 1u);
-}
-
-TEST(CanStackNetworkManagement, FilterDestroyedInItsCallbackPassesOverTheNext) {
-    SimulatedBus bus;
-    bus.update();
-    static PgnFilter* doomed = nullptr;
-    doomed = new PgnFilter(0xFEF1);
-    doomed->addCallback(
+    filter->addCallback(
         [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {
-            events.push_back("doomed");
-            delete doomed;
-            doomed = nullptr;
+            events.push_back("second");
+            delete filter;
         },
         nullptr);
     PgnFilter next(0xFEF1);
     Receiver receiver("next");
     next.addCallback(&receiver);
-    bus.receive(0, 0x18FEF101u, {1});
-    EXPECT_EQ(events, (std::vector<std::string>{"doomed"}));
-    bus.receive(0, 0x18FEF101u, {1});
-    EXPECT_EQ(events, (std::vector<std::string>{"doomed", "next 1"}));
+    for (int i = 0; i < 3; ++i) {
+        bus.receive(0, 0x18FEF101u, {1});
+    }
+    // First removes itself: second waits for the next message. Second deletes its filter: the
+    // walk passes over the next filter for that message.
+    EXPECT_EQ(events, (std::vector<std::string>{"first", "next 1", "second", "next 1"}));
 }
 
-TEST(CanStackNetworkManagement, SendResults) {
-    SimulatedBus bus;
+TEST_F(CanStackNetworkClaimed, SendResults) {
     const uint8_t data[9] = {};
     uint32_t handle = 0;
-    EXPECT_EQ(NM::sendMessage(1, 0xFEF1, data, 8, 0, nullptr, nullptr, 255, 6, false, &handle,
-                              nullptr, false),
-              19u);
-    EXPECT_EQ(handle, 0xFFFFFFFFu);
-    bus.update();
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
     // A long message with no transmit function: success, and nothing goes out.
     const size_t frames = bus.frames.size();
     EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 0u);
@@ -298,11 +280,7 @@ TEST(CanStackNetworkManagement, SendResults) {
     EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Transmit Function to List"), 1u);
 }
 
-TEST(CanStackNetworkManagement, DataCollectedThroughTheFragmentCallback) {
-    SimulatedBus bus;
-    bus.update();
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackNetworkClaimed, DataCollectedThroughTheFragmentCallback) {
     static int mode = 0;
     auto producer = [](CANCallbackClass* callback) {
         if (callback->getCallbackType() != 2) {
@@ -317,56 +295,30 @@ TEST(CanStackNetworkManagement, DataCollectedThroughTheFragmentCallback) {
             fragment->setFragmentData(bytes, 8);  // runs past the length
         }                                         // mode 2: no answer
     };
-    uint32_t handle = 0;
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, &handle,
-                                           producer),
-              0u);
-    EXPECT_EQ(bus.frames.back().data, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7}));
-    mode = 1;
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, nullptr,
-                                           producer),
-              8u);
-    mode = 2;
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false, nullptr,
-                                           producer),
-              20u);
+    // Three bytes at a time completes; running past the length or no answer fails.
+    const uint32_t results[] = {0, 8, 20};
+    for (mode = 0; mode < 3; ++mode) {
+        EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false,
+                                               nullptr, producer),
+                  results[mode])
+            << mode;
+    }
+    EXPECT_EQ(bus.framesWithPGN(0xFEF1).back().data, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7}));
     EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6), 9u);
 }
 
-TEST(CanStackNetworkManagement, LoadCallbacksWalkThreePasses) {
-    SimulatedBus bus;
-    bus.update();
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackNetworkClaimed, LoadCallbacksWalkThreePasses) {
     bus.receiveClaim(0, 0x10, testNAME(1));
     ControlFunctionClass* peer = NM::getControlFunction(0, 0x10);
-    static const uint8_t payload[3] = {9, 8, 7};
-    auto generic = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
-                      uint8_t, LoadParameterGroupNumberData*) -> uint32_t {
-        events.push_back("any");
-        return 0;
-    };
-    auto forPeer = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
-                      uint8_t, LoadParameterGroupNumberData*) -> uint32_t {
-        events.push_back("peer");
-        return 0;
-    };
-    auto exact = [](uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
-                    uint8_t, LoadParameterGroupNumberData* out) -> uint32_t {
-        events.push_back("exact");
-        out->data = payload;
-        out->length = 3;
-        return 1;
-    };
-    NM::addLoadParameterGroupNumberDataCallback(generic);
-    NM::addLoadParameterGroupNumberDataCallback(forPeer, PGN_ANY, peer);
+    NM::addLoadParameterGroupNumberDataCallback(&load<ANY>);
+    NM::addLoadParameterGroupNumberDataCallback(&load<PEER>, PGN_ANY, peer);
     LoadParameterGroupNumberData out;
     EXPECT_EQ(NM::loadParameterGroupNumberData(0xFEF1, &self, peer, 255, 255, out), 0u);
     EXPECT_EQ(events, (std::vector<std::string>{"peer", "any"}));
     EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 21u);
     EXPECT_EQ(descriptionCount(OWNER, "PGN Not Valid Send Parameter Group Number"), 1u);
-    NM::addLoadParameterGroupNumberDataCallback(exact, 0xFEF1);
-    EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(exact, 0xFEF1), nullptr);
+    NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1);
+    EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1), nullptr);
     events.clear();
     EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 0u);
     EXPECT_EQ(events, (std::vector<std::string>{"exact"}));
@@ -374,11 +326,7 @@ TEST(CanStackNetworkManagement, LoadCallbacksWalkThreePasses) {
     EXPECT_EQ(bus.frames.back().priority(), 6);
 }
 
-TEST(CanStackNetworkManagement, TransmitResultsAreCountedAndReported) {
-    SimulatedBus bus;
-    bus.update();
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
+TEST_F(CanStackNetworkClaimed, TransmitResultsAreCountedAndReported) {
     static std::vector<bool> results;
     auto completion = [](CANCallbackClass* callback) {
         if (callback->getCallbackType() == 3) {
@@ -403,9 +351,7 @@ TEST(CanStackNetworkManagement, TransmitResultsAreCountedAndReported) {
     EXPECT_EQ(statistics.getTransmittedBits(0) > 0, true);
 }
 
-TEST(CanStackNetworkManagement, UpdateComputesRatesOncePerSecond) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
     for (int i = 0; i < 20; ++i) {
         bus.receive(1, 0x18FEF101u, {1, 2, 3, 4});
     }
@@ -424,9 +370,7 @@ TEST(CanStackNetworkManagement, UpdateComputesRatesOncePerSecond) {
     EXPECT_EQ(last[4], 0xFF);
 }
 
-TEST(CanStackNetworkManagement, ReceiveWalkFollowsFilterChangesMadeAfterRegistration) {
-    SimulatedBus bus;
-    bus.update();
+TEST_F(CanStackNetworkOnBus, ReceiveWalkFollowsFilterChangesMadeAfterRegistration) {
     PgnFilter filter(0xFEF1);
     Receiver receiver("filter");
     filter.addCallback(&receiver);
@@ -445,14 +389,29 @@ TEST(CanStackNetworkManagement, ReceiveWalkFollowsFilterChangesMadeAfterRegistra
     EXPECT_EQ(events, (std::vector<std::string>{"filter 1", "filter 3", "filter 5"}));
 }
 
-TEST(CanStackNetworkManagement, OwnClaimReplayedOnAnotherChannelNamesTheSameDevice) {
-    SimulatedBus bus;
+TEST_F(CanStackNetworkOnBus, ComparesChannelsAndCountsDevices) {
+    EXPECT_TRUE(NM::compareChannels(0, 1));
+    EXPECT_TRUE(NM::compareChannels(2, 2));
+    EXPECT_FALSE(NM::compareChannels(0, 3));
     TestInternalControlFunction self(testNAME(100), 0, {0x80});
     ASSERT_TRUE(bus.runUntilClaimed(self));
     EXPECT_FALSE(NM::compareChannels(0, 1));
-    bus.replay(bus.framesWithPGN(0xEE00).back(), 1);
-    ControlFunctionClass* echo = NM::getControlFunction(1, 0x80);
-    ASSERT_NE(echo, nullptr);
-    EXPECT_EQ(echo->getType(), 2);
-    EXPECT_TRUE(NM::compareChannels(0, 1));  // two channels wired to one bus
+    // Our own claim heard on channel 1: two channels wired to one bus.
+    const SentFrame claim = bus.framesWithPGN(0xEE00).back();
+    bus.receive(1, claim.identifier, claim.data);
+    ASSERT_NE(NM::getControlFunction(1, 0x80), nullptr);
+    EXPECT_EQ(NM::getControlFunction(1, 0x80)->getType(), 2);
+    EXPECT_TRUE(NM::compareChannels(0, 1));
+    bus.receiveClaim(0, 0x10, testNAME(1));
+    EXPECT_FALSE(NM::compareChannels(0, 1));
+    bus.receiveClaim(1, 0x10, testNAME(1));
+    EXPECT_TRUE(NM::compareChannels(0, 1));
+
+    // A registered function counts once it has been heard.
+    const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    const uint32_t devices = statistics.countDevices(0);
+    RegisteredControlFunctionClass silent(0, uint8_t{0x40});
+    EXPECT_EQ(statistics.countDevices(0), devices);
+    bus.receive(0, 0x18FEF140u, {1});
+    EXPECT_EQ(statistics.countDevices(0), devices + 1);
 }

@@ -6,10 +6,11 @@
 // at once, queued ones on confirmPending or by the next step), and feeds frames in through
 // receiveMessage. One instance per test; it restores the clock and transmit function when done.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <initializer_list>
 #include <memory>
 #include <vector>
 
@@ -72,16 +73,20 @@ public:
         }
     }
 
-    // Steps updates until the function holds an address; false if it never does.
-    bool runUntilClaimed(InternalControlFunctionClass& function, uint32_t limit = 3000) {
+    // Steps updates every 10 ms until `done` holds; false if it does not within `limit` ms.
+    template <typename Done>
+    bool runUntil(Done done, uint32_t limit = 3000) {
         for (uint32_t t = 0; t < limit; t += 10) {
             advance(10);
             update();
-            if (function.isAddressValid()) {
+            if (done()) {
                 return true;
             }
         }
         return false;
+    }
+    bool runUntilClaimed(InternalControlFunctionClass& function, uint32_t limit = 3000) {
+        return runUntil([&function] { return function.isAddressValid(); }, limit);
     }
 
     // Confirms every queued (non-immediate) frame with the configured result.
@@ -93,18 +98,10 @@ public:
         }
     }
 
-    void receive(uint8_t channel, uint32_t identifier, std::initializer_list<uint8_t> data) {
-        std::vector<uint8_t> bytes(data);
-        receive(channel, identifier, bytes);
-    }
     void receive(uint8_t channel, uint32_t identifier, const std::vector<uint8_t>& data) {
         CANReceiveMessageClass message(1, identifier, data.data(),
                                        static_cast<uint8_t>(data.size()), channel);
         NetworkManagementClass::receiveMessage(&message);
-    }
-    // Feeds a recorded frame back in as received, e.g. on a channel wired to the same bus.
-    void replay(const SentFrame& frame, uint8_t channel) {
-        receive(channel, frame.identifier, frame.data);
     }
     // An address claim of another device.
     void receiveClaim(uint8_t channel, uint8_t address, uint64_t name) {
@@ -182,7 +179,8 @@ public:
     int startCount = 0;
 };
 
-// Count of a description message, in the lists and the pending slots, by text content.
+// Count of a description message, in the lists and the pending slots, by text content;
+// a null text counts every message of the owner.
 inline uint32_t descriptionCount(const char* owner, const char* text) {
     uint32_t count = 0;
     const char* o = nullptr;
@@ -191,14 +189,14 @@ inline uint32_t descriptionCount(const char* owner, const char* text) {
     uint32_t c = 0;
     for (uint32_t i = 0;
          NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, severity, c); ++i) {
-        if (std::strcmp(o, owner) == 0 && std::strcmp(t, text) == 0) {
+        if (std::strcmp(o, owner) == 0 && (text == nullptr || std::strcmp(t, text) == 0)) {
             count += c;
         }
     }
     for (const DescriptionMessageSlot& slot :
          NetworkManagementStatisticsClass::availableDescriptionMessages) {
         if (slot.owner != nullptr && std::strcmp(slot.owner, owner) == 0 &&
-            std::strcmp(slot.text, text) == 0) {
+            (text == nullptr || std::strcmp(slot.text, text) == 0)) {
             ++count;
         }
     }
@@ -215,5 +213,22 @@ inline uint64_t testNAME(uint32_t identity, uint32_t manufacturer = 151,
     name.setSelfConfigurableAddress(selfConfigurable ? 1 : 0);
     return name.getNAME();
 }
+
+// A bus past its first update.
+class BusTest : public ::testing::Test {
+protected:
+    void SetUp() override { bus.update(); }
+    SimulatedBus bus;
+};
+
+// The same with a function of our own holding 0x80 (0x81 next in its list) on channel 0.
+class ClaimedTest : public BusTest {
+protected:
+    void SetUp() override {
+        BusTest::SetUp();
+        ASSERT_TRUE(bus.runUntilClaimed(self));
+    }
+    TestInternalControlFunction self{testNAME(100), 0, {0x80, 0x81}};
+};
 
 #endif

@@ -4,7 +4,6 @@
 // told how to fail the next ones.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <future>
@@ -35,30 +34,28 @@ enum class Reply {
 };
 
 struct Call {
-    Call() = default;
-    explicit Call(std::string name) : method(std::move(name)) {}
-
     std::string method;
-    std::chrono::steady_clock::time_point at = std::chrono::steady_clock::now();
     std::string sType;
     std::string sPayload;
     std::vector<ice::eDataType::type> eType;
     std::vector<std::string> sKey;
     std::vector<std::string> sValue;
+    std::chrono::steady_clock::time_point at = std::chrono::steady_clock::now();
 };
 
 class IceTestServer {
 public:
-    // Port 0 takes an ephemeral port.
-    explicit IceTestServer(int port = 0) : state_(std::make_shared<State>()) {
-        auto socket = std::make_shared<at::transport::TServerSocket>("127.0.0.1", port);
+    // Listens on an ephemeral loopback port; a call that succeeds returns `successValue`.
+    explicit IceTestServer(int32_t successValue = 0) : state_(std::make_shared<State>()) {
+        state_->successValue = successValue;
+        auto socket = std::make_shared<at::transport::TServerSocket>("127.0.0.1", 0);
         server_ = std::make_shared<at::server::TThreadedServer>(
             std::make_shared<Processor>(state_), socket,
             std::make_shared<at::transport::TBufferedTransportFactory>(),
             std::make_shared<at::protocol::TBinaryProtocolFactory>());
-        auto ready = std::make_shared<std::promise<void>>();
-        std::future<void> listening = ready->get_future();
-        server_->setServerEventHandler(std::make_shared<ReadySignal>(ready));
+        auto ready = std::make_shared<ReadySignal>();
+        std::future<void> listening = ready->listening.get_future();
+        server_->setServerEventHandler(ready);
         thread_ = std::thread([this] {
             try {
                 server_->serve();
@@ -83,19 +80,11 @@ public:
         std::lock_guard<std::mutex> lock(state_->mutex);
         state_->replies.insert(state_->replies.end(), replies.begin(), replies.end());
     }
-    void setSuccessValue(int32_t value) {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        state_->successValue = value;
-    }
 
     // Every call that arrived, failed ones included.
     std::vector<Call> calls() const {
         std::lock_guard<std::mutex> lock(state_->mutex);
         return state_->calls;
-    }
-    bool waitForCalls(std::size_t n, std::chrono::milliseconds timeout) const {
-        std::unique_lock<std::mutex> lock(state_->mutex);
-        return state_->changed.wait_for(lock, timeout, [&] { return state_->calls.size() >= n; });
     }
 
     void stop() {
@@ -108,7 +97,6 @@ public:
 private:
     struct State {
         mutable std::mutex mutex;
-        std::condition_variable changed;
         std::deque<Reply> replies;
         std::vector<Call> calls;
         int32_t successValue = 0;
@@ -125,7 +113,6 @@ private:
         int32_t record(Call call) {
             std::lock_guard<std::mutex> lock(mutex);
             calls.push_back(std::move(call));
-            changed.notify_all();
             return successValue;
         }
     };
@@ -133,25 +120,17 @@ private:
     class Handler : public ice::IceIf {
     public:
         Handler(std::shared_ptr<State> state, bool fail) : state_(std::move(state)), fail_(fail) {}
-        void ping() override { answer(Call{"ping"}); }
-        int32_t status(const int32_t) override { return answer(Call{"status"}); }
+        void ping() override { answer({"ping", "", "", {}, {}, {}}); }
+        int32_t status(const int32_t) override { return answer({"status", "", "", {}, {}, {}}); }
         int32_t TEL_SendGeneric(const std::string& sType,
                                 const std::vector<ice::eDataType::type>& eType,
                                 const std::vector<std::string>& sKey,
                                 const std::vector<std::string>& sValue) override {
-            Call c{"TEL_SendGeneric"};
-            c.sType = sType;
-            c.eType = eType;
-            c.sKey = sKey;
-            c.sValue = sValue;
-            return answer(std::move(c));
+            return answer({"TEL_SendGeneric", sType, "", eType, sKey, sValue});
         }
         int32_t TEL_SendGenericJSON(const std::string& sType,
                                     const std::string& sPayload) override {
-            Call c{"TEL_SendGenericJSON"};
-            c.sType = sType;
-            c.sPayload = sPayload;
-            return answer(std::move(c));
+            return answer({"TEL_SendGenericJSON", sType, sPayload, {}, {}, {}});
         }
 
     private:
@@ -218,13 +197,9 @@ private:
         ice::IceProcessor fail_;
     };
 
-    class ReadySignal : public at::server::TServerEventHandler {
-    public:
-        explicit ReadySignal(std::shared_ptr<std::promise<void>> ready) : ready_(ready) {}
-        void preServe() override { ready_->set_value(); }
-
-    private:
-        std::shared_ptr<std::promise<void>> ready_;
+    struct ReadySignal : at::server::TServerEventHandler {
+        void preServe() override { listening.set_value(); }
+        std::promise<void> listening;
     };
 
     std::shared_ptr<State> state_;
@@ -232,5 +207,10 @@ private:
     std::thread thread_;
     int port_ = 0;
 };
+
+// A loopback port nobody listens on: taken from a server that is then stopped.
+inline int freePort() {
+    return IceTestServer().port();
+}
 
 }  // namespace icetest

@@ -1,12 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "ice/ice_test_server.h"
-#include "ice/log_capture.h"
+#include "support/log_capture.h"
 #include "telemalog/sinks/ice_sink.h"
 
 using icetest::IceTestServer;
@@ -15,15 +14,13 @@ using logtest::LogCapture;
 using nvsf::telemalog::IceSink;
 using nvsf::telemalog::ValueMap;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::StartsWith;
+using Lines = std::vector<::testing::Matcher<std::string>>;
 
 namespace {
 
 const char* kCategory = "telemalog.sinks.ice";
-
-// A loopback port nobody listens on: taken from a server that is then stopped.
-int closedPort() {
-    return IceTestServer().port();
-}
 
 TEST(IceSink, LogSendsEveryEntryAsTypedColumnsInKeyOrder) {
     IceTestServer server;
@@ -77,96 +74,64 @@ TEST(IceSink, ConnectReportsSuccessAndFailure) {
     IceSink up("127.0.0.1", server.port());
     EXPECT_TRUE(up.connect());
     EXPECT_TRUE(up.connect());  // an open connection is closed and opened again
-    IceSink down("127.0.0.1", closedPort());
+    IceSink down("127.0.0.1", icetest::freePort());
     EXPECT_FALSE(down.connect());
 
     EXPECT_THAT(
         capture.messagesAt(log4cplus::INFO_LOG_LEVEL),
         ElementsAre("Thrift ICE Connection successful.", "Thrift ICE Connection successful."));
-    ASSERT_EQ(capture.errors().size(), 1u);
-    EXPECT_TRUE(logtest::startsWith(capture.errors()[0], "Thrift Transport Error on Connect: "));
+    EXPECT_THAT(capture.errors(), ElementsAre(StartsWith("Thrift Transport Error on Connect: ")));
 }
 
-// Each row: what the service does with the first calls, the retry count, what send gives, how
-// many calls reach the service, and the ERROR lines by their beginning.
-struct SendCase {
-    const char* name;
-    std::vector<Reply> replies;
-    int retries;
-    bool expected;
-    std::size_t calls;
-    std::vector<std::string> errors;
-};
-void PrintTo(const SendCase& c, std::ostream* os) {
-    *os << c.name;
-}
+TEST(IceSink, SendRetriesAsDesigned) {
+    const auto generic = StartsWith("Thrift Generic Error on Send: ");
+    const auto transport = StartsWith("Thrift Transport Error on Send: ");
+    const auto connect = StartsWith("Thrift Transport Error on Connect: ");
+    const char* retry1 = "ICE Send Failed: Retry 1";
+    const char* retry2 = "ICE Send Failed: Retry 2";
+    const char* protocol = "Thrift Protocol Error on Send: Bad version identifier";
+    const Reply fail = Reply::ApplicationError;
+    // What the service does with the first calls (or whether it is down), the retry count,
+    // what send gives, how many calls reach the service, and the ERROR lines.
+    struct Row {
+        const char* name;
+        bool down;
+        int retries;
+        bool expected;
+        std::size_t calls;
+        std::vector<Reply> replies;
+        Lines errors;
+    };
+    const std::vector<Row> rows = {
+        {"FirstCallSucceeds", false, 1, true, 1, {}, {}},
+        {"SecondCallSucceeds", false, 1, true, 2, {fail}, {generic, retry1}},
+        // retries 1: at most two calls, and both retry counts logged.
+        {"TwoCallsAtMost", false, 1, false, 2, {fail, fail}, {generic, retry1, generic, retry2}},
+        {"DropReopens", false, 1, true, 2, {Reply::DropConnection}, {transport, retry1}},
+        {"ZeroRetriesCallOnce", false, 0, false, 1, {fail}, {generic, retry1}},
+        {"ProtocolFaultNotRetried", false, 3, false, 1, {Reply::BadVersion}, {protocol}},
+        {"NegativeRetries", false, -1, false, 0, {}, {}},
+        {"Down", true, 1, false, 0, {}, {transport, retry1, connect, transport, retry2, connect}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        IceTestServer server;
+        server.queueReplies(r.replies);
+        if (r.down) {
+            server.stop();
+        }
+        IceSink sink("127.0.0.1", server.port());
+        if (!r.down) {
+            ASSERT_TRUE(sink.connect());
+        }
+        LogCapture capture(kCategory);
 
-class IceSinkSend : public ::testing::TestWithParam<SendCase> {};
+        EXPECT_EQ(sink.send("t", {ice::eDataType::json_STRING}, {"type"}, {"t"}, r.retries),
+                  r.expected);
 
-TEST_P(IceSinkSend, RetriesAsDesigned) {
-    const SendCase& c = GetParam();
-    IceTestServer server;
-    server.queueReplies(c.replies);
-    IceSink sink("127.0.0.1", server.port());
-    ASSERT_TRUE(sink.connect());
-    LogCapture capture(kCategory);
-
-    EXPECT_EQ(sink.send("t", {ice::eDataType::json_STRING}, {"type"}, {"t"}, c.retries),
-              c.expected);
-
-    EXPECT_EQ(server.calls().size(), c.calls);
-    const std::vector<std::string> errors = capture.errors();
-    ASSERT_EQ(errors.size(), c.errors.size()) << ::testing::PrintToString(errors);
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        EXPECT_TRUE(logtest::startsWith(errors[i], c.errors[i])) << errors[i];
+        EXPECT_EQ(server.calls().size(), r.calls);
+        EXPECT_THAT(capture.errors(), ElementsAreArray(r.errors));
     }
-}
-
-const char* kGeneric = "Thrift Generic Error on Send: ";
-const char* kTransport = "Thrift Transport Error on Send: ";
-const char* kRetry1 = "ICE Send Failed: Retry 1";
-const char* kRetry2 = "ICE Send Failed: Retry 2";
-const Reply kFail = Reply::ApplicationError;
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, IceSinkSend,
-    ::testing::Values(SendCase{"FirstCallSucceeds", {}, 1, true, 1, {}},
-                      SendCase{"SecondCallSucceeds", {kFail}, 1, true, 2, {kGeneric, kRetry1}},
-                      // retries 1: at most two calls, and both retry counts logged.
-                      SendCase{"GivesUpAfterTwoCalls",
-                               {kFail, kFail, kFail},
-                               1,
-                               false,
-                               2,
-                               {kGeneric, kRetry1, kGeneric, kRetry2}},
-                      SendCase{"DroppedConnectionIsReopened",
-                               {Reply::DropConnection},
-                               1,
-                               true,
-                               2,
-                               {kTransport, kRetry1}},
-                      SendCase{"ZeroRetriesCallOnce", {kFail}, 0, false, 1, {kGeneric, kRetry1}},
-                      SendCase{"ProtocolFaultIsNotRetried",
-                               {Reply::BadVersion},
-                               3,
-                               false,
-                               1,
-                               {"Thrift Protocol Error on Send: Bad version identifier"}},
-                      SendCase{"NegativeRetriesSendNothing", {}, -1, false, 0, {}}),
-    [](const ::testing::TestParamInfo<SendCase>& info) { return info.param.name; });
-
-TEST(IceSink, SendWithServiceDownLogsBothRetriesAndGivesFalse) {
-    IceSink sink("127.0.0.1", closedPort());
-    LogCapture capture(kCategory);
-
-    EXPECT_FALSE(sink.send("t", {}, {}, {}, 1));
-
-    const std::vector<std::string> errors = capture.errors();
-    ASSERT_EQ(errors.size(), 6u) << ::testing::PrintToString(errors);
-    EXPECT_TRUE(logtest::startsWith(errors[0], kTransport));
-    EXPECT_EQ(errors[1], kRetry1);
-    EXPECT_TRUE(logtest::startsWith(errors[2], "Thrift Transport Error on Connect: "));
-    EXPECT_EQ(errors[4], kRetry2);
 }
 
 }  // namespace

@@ -106,29 +106,11 @@ std::vector<const Value*> sameTypeValues(const std::vector<Sample>& samples) {
     return kept;
 }
 
-Value mode(const std::vector<Sample>& samples) {
-    std::unordered_map<Value, int, ValueHash> counts(kModeBuckets);
-    for (const auto& sample : samples) {
-        ++counts[sample.value];
-    }
+// The first entry in table order with the largest weight; ties go to the earlier one.
+template <typename Weight>
+Value heaviest(const std::unordered_map<Value, Weight, ValueHash>& weights) {
     Value best;
-    int bestCount = 0;
-    for (const auto& entry : counts) {
-        if (entry.second > bestCount) {
-            bestCount = entry.second;
-            best = entry.first;
-        }
-    }
-    return best;
-}
-
-Value chronoMode(const std::vector<TimedValue>& durations) {
-    std::unordered_map<Value, uint32_t, ValueHash> weights(kModeBuckets);
-    for (const auto& timed : durations) {
-        weights[*timed.value] += static_cast<uint32_t>(timed.duration);
-    }
-    Value best;
-    uint32_t bestWeight = 0;
+    Weight bestWeight = 0;
     for (const auto& entry : weights) {
         if (entry.second > bestWeight) {
             bestWeight = entry.second;
@@ -136,6 +118,22 @@ Value chronoMode(const std::vector<TimedValue>& durations) {
         }
     }
     return best;
+}
+
+Value mode(const std::vector<Sample>& samples) {
+    std::unordered_map<Value, int, ValueHash> counts(kModeBuckets);
+    for (const auto& sample : samples) {
+        ++counts[sample.value];
+    }
+    return heaviest(counts);
+}
+
+Value chronoMode(const std::vector<TimedValue>& durations) {
+    std::unordered_map<Value, uint32_t, ValueHash> weights(kModeBuckets);
+    for (const auto& timed : durations) {
+        weights[*timed.value] += static_cast<uint32_t>(timed.duration);
+    }
+    return heaviest(weights);
 }
 
 Value median(const std::vector<Sample>& samples) {
@@ -169,6 +167,70 @@ Value chronoMedian(std::vector<TimedValue> durations, int64_t duration) {
         }
     }
     return Value();
+}
+
+// Sum and count of the int and double samples; the other alternatives are skipped.
+struct NumericSum {
+    double sum = 0.0;
+    std::size_t count = 0;
+};
+
+NumericSum numericSum(const std::vector<Sample>& samples) {
+    NumericSum total;
+    for (const auto& sample : samples) {
+        if (isNumeric(sample.value)) {
+            total.sum += toDouble(sample.value);
+            ++total.count;
+        }
+    }
+    return total;
+}
+
+// Divided by the raw count on purpose: non-numeric samples shrink the result.
+double stddev(const std::vector<Sample>& samples) {
+    if (samples.empty()) {
+        return std::numeric_limits<double>::quiet_NaN();
+    }
+    const NumericSum total = numericSum(samples);
+    double squares = 0.0;
+    if (total.count != 0) {
+        const double mean = total.sum / static_cast<double>(total.count);
+        for (const auto& sample : samples) {
+            if (isNumeric(sample.value)) {
+                const double difference = toDouble(sample.value) - mean;
+                squares += difference * difference;
+            }
+        }
+    }
+    return std::sqrt(squares / static_cast<double>(samples.size()));
+}
+
+// Empty samples convert to false, so they never count as true.
+bool anyTrue(const std::vector<Sample>& samples) {
+    return std::any_of(samples.begin(), samples.end(),
+                       [](const Sample& sample) { return toBool(sample.value); });
+}
+
+bool allTrue(const std::vector<Sample>& samples) {
+    return std::all_of(samples.begin(), samples.end(),
+                       [](const Sample& sample) { return toBool(sample.value); });
+}
+
+// The least sample, or with `greatest` the largest, among those of `alternative`.
+Value extreme(const std::vector<Sample>& samples, int alternative, bool greatest) {
+    ValueLess less;
+    const Value* result = nullptr;
+    for (const auto& sample : samples) {
+        const Value& value = sample.value;
+        if (value.which() != alternative) {
+            continue;
+        }
+        if (result == nullptr || isEmpty(*result) ||
+            (greatest ? less(*result, value) : less(value, *result))) {
+            result = &value;
+        }
+    }
+    return result == nullptr ? Value() : *result;
 }
 
 double numericValue(const Value& value) {
@@ -312,15 +374,9 @@ AggregateResult aggregate(const std::string& key, uint64_t flags,
         emit(".product", product);
     }
     if (flags & kMean) {
-        double sum = 0.0;
-        std::size_t numeric = 0;
-        for (const auto& sample : samples) {
-            if (isNumeric(sample.value)) {
-                sum += toDouble(sample.value);
-                ++numeric;
-            }
-        }
-        emit(".mean", numeric == 0 ? Value() : Value(sum / static_cast<double>(numeric)));
+        const NumericSum total = numericSum(samples);
+        emit(".mean",
+             total.count == 0 ? Value() : Value(total.sum / static_cast<double>(total.count)));
     }
     if (flags & kMedian) {
         emit(".median", median(samples));
@@ -329,72 +385,17 @@ AggregateResult aggregate(const std::string& key, uint64_t flags,
         emit(".mode", n == 0 ? Value() : mode(samples));
     }
     if (flags & kStddev) {
-        // Divided by the raw count on purpose: non-numeric samples shrink the result.
-        double result = std::numeric_limits<double>::quiet_NaN();
-        if (n != 0) {
-            double sum = 0.0;
-            std::size_t numeric = 0;
-            for (const auto& sample : samples) {
-                if (isNumeric(sample.value)) {
-                    sum += toDouble(sample.value);
-                    ++numeric;
-                }
-            }
-            double squares = 0.0;
-            if (numeric != 0) {
-                const double mean = sum / static_cast<double>(numeric);
-                for (const auto& sample : samples) {
-                    if (isNumeric(sample.value)) {
-                        const double difference = toDouble(sample.value) - mean;
-                        squares += difference * difference;
-                    }
-                }
-            }
-            result = std::sqrt(squares / static_cast<double>(n));
-        }
-        emit(".stddev", result);
+        emit(".stddev", stddev(samples));
     }
+    // Three-valued: empty without samples.
     if (flags & kBoolNone) {
-        Value result;
-        if (n != 0) {
-            bool none = true;
-            for (const auto& sample : samples) {
-                if (!isEmpty(sample.value) && toBool(sample.value)) {
-                    none = false;
-                    break;
-                }
-            }
-            result = none;
-        }
-        emit(".bool_none", result);
+        emit(".bool_none", n == 0 ? Value() : Value(!anyTrue(samples)));
     }
     if (flags & kBoolAny) {
-        Value result;
-        if (n != 0) {
-            bool any = false;
-            for (const auto& sample : samples) {
-                if (!isEmpty(sample.value) && toBool(sample.value)) {
-                    any = true;
-                    break;
-                }
-            }
-            result = any;
-        }
-        emit(".bool_any", result);
+        emit(".bool_any", n == 0 ? Value() : Value(anyTrue(samples)));
     }
     if (flags & kBoolAll) {
-        Value result;
-        if (n != 0) {
-            bool all = true;
-            for (const auto& sample : samples) {
-                if (!toBool(sample.value)) {
-                    all = false;
-                    break;
-                }
-            }
-            result = all;
-        }
-        emit(".bool_all", result);
+        emit(".bool_all", n == 0 ? Value() : Value(allTrue(samples)));
     }
     if (flags & kRandomValue) {
         emit(".random_value",
@@ -417,28 +418,11 @@ AggregateResult aggregate(const std::string& key, uint64_t flags,
     }
     if (flags & (kMin | kMax)) {
         const int alternative = keptAlternative(samples);
-        ValueLess less;
         if (flags & kMin) {
-            const Value* result = nullptr;
-            for (const auto& sample : samples) {
-                const Value& value = sample.value;
-                if (value.which() == alternative &&
-                    (result == nullptr || isEmpty(*result) || less(value, *result))) {
-                    result = &value;
-                }
-            }
-            emit(".min", result == nullptr ? Value() : *result);
+            emit(".min", extreme(samples, alternative, false));
         }
         if (flags & kMax) {
-            const Value* result = nullptr;
-            for (const auto& sample : samples) {
-                const Value& value = sample.value;
-                if (value.which() == alternative &&
-                    (result == nullptr || isEmpty(*result) || less(*result, value))) {
-                    result = &value;
-                }
-            }
-            emit(".max", result == nullptr ? Value() : *result);
+            emit(".max", extreme(samples, alternative, true));
         }
     }
     if (flags & kConcat) {

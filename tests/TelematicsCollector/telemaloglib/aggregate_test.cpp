@@ -70,21 +70,20 @@ TEST(Aggregate, EmissionOrderAndResultsOnNoSamples) {
     EXPECT_TRUE(aggregate("k", meaningless, evenlySpaced({1, 2}), 1000, false).empty());
 }
 
-TEST(Aggregate, EventCountDiscountsTheSeededSample) {
-    EXPECT_EQ(one(kEventCount, evenlySpaced({7}), true), Value(0));
-    EXPECT_EQ(one(kCount, evenlySpaced({7}), true), Value(1));
-    EXPECT_EQ(one(kEventCount, evenlySpaced({7}), false), Value(1));
-    EXPECT_EQ(one(kEventCount, evenlySpaced({7, 8, 9}), true), Value(2));
-}
-
 struct Row {
     uint64_t flag;
     std::vector<Value> values;
     Value expected;
+    bool seeded = false;
 };
 
 TEST(Aggregate, RawSampleAggregationsOnMixedInput) {
     const std::vector<Row> rows = {
+        // The sample carried over from before the interval is no event.
+        {kEventCount, {7}, 0, true},
+        {kCount, {7}, 1, true},
+        {kEventCount, {7}, 1},
+        {kEventCount, {7, 8, 9}, 2, true},
         // int and double differ, empties count once
         {kUniqueCount, {1, 1, 1.0, E, E, Text("1")}, 4},
         // text parsed, bool as 0 or 1, empty and vectors 0
@@ -101,6 +100,8 @@ TEST(Aggregate, RawSampleAggregationsOnMixedInput) {
         {kMode, {1.0, 1, 1.0, 1, 1}, 1},
         {kStddev, {2.0, 4.0}, 1.0},
         {kStddev, {Text("x"), true}, 0.0},
+        // Divided by the raw count: a text sample shrinks the deviation.
+        {kStddev, {2.0, 4.0, Text("x")}, std::sqrt(2.0 / 3.0)},
         {kBoolNone, {false, Text("TRUE")}, false},
         {kBoolNone, {E, 0}, true},
         {kBoolAny, {E, true}, true},
@@ -122,51 +123,28 @@ TEST(Aggregate, RawSampleAggregationsOnMixedInput) {
         {kConcat, {Text("a"), 1, 1.5, E, true}, Text("a11.500000<null>true")},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        const Value result = one(rows[i].flag, evenlySpaced(rows[i].values));
+        const Value result = one(rows[i].flag, evenlySpaced(rows[i].values), rows[i].seeded);
         EXPECT_EQ(result, rows[i].expected) << "row " << i << " gave " << toText(result);
     }
-    // Divided by the raw count: a text sample shrinks the deviation.
-    EXPECT_DOUBLE_EQ(toDouble(one(kStddev, evenlySpaced({2.0, 4.0, Text("x")}))),
-                     std::sqrt(2.0 / 3.0));
 }
 
 TEST(Aggregate, RandomValueDrawsFromTheSeededGenerator) {
     const auto samples = evenlySpaced({10, 20, 30, 40, 50, 60, 70});
     std::srand(12345);
-    std::vector<Value> expected;
-    for (int i = 0; i < 5; ++i) {
-        expected.push_back(samples[static_cast<std::size_t>(std::rand()) % samples.size()].value);
-    }
+    const std::size_t first = static_cast<std::size_t>(std::rand()) % samples.size();
+    const std::size_t second = static_cast<std::size_t>(std::rand()) % samples.size();
     std::srand(12345);
-    for (const auto& value : expected) {
-        EXPECT_EQ(one(kRandomValue, samples), value);
-    }
+    EXPECT_EQ(one(kRandomValue, samples), samples[first].value);
+    EXPECT_EQ(one(kRandomValue, samples), samples[second].value);
 }
 
 TEST(DurationSamples, SortStablyAndLastLastsUntilTheEnd) {
-    const auto durations =
-        makeDurationSamples({{300, 3}, {100, 1}, {300, 4}, {100, 2}, {600, 5}}, 1000);
-    const std::vector<Sample> expected = {{0, 1}, {200, 2}, {0, 3}, {300, 4}, {400, 5}};
-    ASSERT_EQ(durations.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(durations[i].timestamp, expected[i].timestamp) << i;
-        EXPECT_EQ(durations[i].value, expected[i].value) << i;
+    std::string text;
+    for (const auto& sample :
+         makeDurationSamples({{300, 3}, {100, 1}, {300, 4}, {100, 2}, {600, 5}}, 1000)) {
+        text += std::to_string(sample.timestamp) + ":" + toText(sample.value) + " ";
     }
-}
-
-TEST(Aggregate, SingleSampleOverTheWholeInterval) {
-    ValueMap out;
-    for (auto& result : aggregate("k", kAllFlags & ~kRandomValue, {{0, 5.0}}, 1000, false)) {
-        out[result.first] = result.second;
-    }
-    for (const char* key :
-         {"k.chrono_mean", "k.chrono_median", "k.chrono_mode", "k.first", "k.middle", "k.last"}) {
-        EXPECT_EQ(out.get(key), Value(5.0)) << key;
-    }
-    EXPECT_EQ(out.get("k.chrono_stddev"), Value(0.0));
-    EXPECT_TRUE(isEmpty(out.get("k.delta")));
-    EXPECT_TRUE(isEmpty(out.get("k.rate")));
-    EXPECT_EQ(out.get("k.chrono_duration"), Value(1000));
+    EXPECT_EQ(text, "0:1 200:2 0:3 300:4 400:5 ");
 }
 
 struct ChronoRow {
@@ -201,10 +179,18 @@ TEST(Aggregate, DurationWeightedAggregations) {
         {kRate, {{500, 0.0}, {750, 5.0}}, 10.0},  // over the sampled time only
         {kRate, {{1000, 1}, {1000, 2}}, E},       // no time elapsed
         {kChronoDuration, {{250, 1}, {500, 2}}, 750},
+        // One sample lasts the whole interval.
+        {kChronoStddev, {{0, 5.0}}, 0.0},
+        {kDelta, {{0, 5.0}}, E},
+        {kRate, {{0, 5.0}}, E},
+        {kChronoDuration, {{0, 5.0}}, 1000},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const Value result = one(rows[i].flag, rows[i].samples);
         EXPECT_TRUE(same(result, rows[i].expected)) << "row " << i << " gave " << toText(result);
+    }
+    for (uint64_t flag : {kChronoMean, kChronoMedian, kChronoMode, kFirst, kMiddle, kLast}) {
+        EXPECT_EQ(one(flag, {{0, 5.0}}), Value(5.0)) << "flag " << flag;
     }
     // Half of an odd interval is truncated: 499 of 999 ms is enough.
     EXPECT_EQ(aggregate("k", kChronoMedian, {{0, 1}, {499, 2}}, 999, false).front().second,

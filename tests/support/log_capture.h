@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <log4cplus/appender.h>
@@ -18,18 +19,26 @@ public:
     explicit LogCapture(const std::string& category)
         : logger_((initializeOnce(), log4cplus::Logger::getInstance(category))),
           appender_(new Appender) {
+        logger_.setLogLevel(log4cplus::ALL_LOG_LEVEL);
         logger_.addAppender(appender_);
-        logger_.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
     }
     ~LogCapture() { logger_.removeAppender(appender_); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<std::string> messagesAt(log4cplus::LogLevel level) const {
-        auto& appender = static_cast<Appender&>(*appender_);
-        std::lock_guard<std::mutex> lock(appender.mutex);
+    // Every message in order; ERROR and above carry an "ERROR " prefix.
+    std::vector<std::string> lines() const {
         std::vector<std::string> result;
-        for (const auto& line : appender.lines) {
+        for (const auto& line : snapshot()) {
+            const char* prefix = line.first >= log4cplus::ERROR_LOG_LEVEL ? "ERROR " : "";
+            result.push_back(prefix + line.second);
+        }
+        return result;
+    }
+    // Messages logged at exactly this level, without prefix.
+    std::vector<std::string> messagesAt(log4cplus::LogLevel level) const {
+        std::vector<std::string> result;
+        for (const auto& line : snapshot()) {
             if (line.first == level) {
                 result.push_back(line.second);
             }
@@ -37,8 +46,23 @@ public:
         return result;
     }
     std::vector<std::string> errors() const { return messagesAt(log4cplus::ERROR_LOG_LEVEL); }
+    // How often this exact entry of lines() was logged.
+    long count(const std::string& line) const {
+        long n = 0;
+        for (const auto& l : lines()) {
+            n += (l == line) ? 1 : 0;
+        }
+        return n;
+    }
+    void clear() {
+        auto& appender = static_cast<Appender&>(*appender_);
+        std::lock_guard<std::mutex> lock(appender.mutex);
+        appender.lines.clear();
+    }
 
 private:
+    using Entry = std::pair<log4cplus::LogLevel, std::string>;
+
     struct Appender : log4cplus::Appender {
         ~Appender() override { destructorImpl(); }
         void close() override {}
@@ -47,11 +71,21 @@ private:
             lines.emplace_back(event.getLogLevel(), event.getMessage());
         }
         std::mutex mutex;
-        std::vector<std::pair<log4cplus::LogLevel, std::string>> lines;
+        std::vector<Entry> lines;
     };
 
+    // Copy under the lock: the system logs from its own threads.
+    std::vector<Entry> snapshot() const {
+        auto& appender = static_cast<Appender&>(*appender_);
+        std::lock_guard<std::mutex> lock(appender.mutex);
+        return appender.lines;
+    }
+
     // log4cplus cannot start again once shut down, so it stays up for the whole process.
-    static void initializeOnce() { static log4cplus::Initializer initializer; }
+    static void initializeOnce() {
+        static auto* initializer = new log4cplus::Initializer;
+        (void)initializer;
+    }
 
     log4cplus::Logger logger_;
     log4cplus::SharedAppenderPtr appender_;
