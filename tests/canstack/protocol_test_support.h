@@ -9,35 +9,20 @@
 #include <cstdint>
 #include <cstring>
 #include <set>
-#include <vector>
 
 #include "simulated_bus.h"
 
-// Install after the bus, which puts back what stood before it.
-class RefusingTransmit {
-public:
-    RefusingTransmit() : busTransmit(NetworkManagementClass::TransmitCANMessage) {
-        current() = this;
-        NetworkManagementClass::TransmitCANMessage = &transmit;
-    }
-    ~RefusingTransmit() { NetworkManagementClass::TransmitCANMessage = busTransmit; }
+// PGNs the transmit function refuses before the bus sees them.
+inline std::set<uint32_t> refused;
+inline TransmitCANMessageFunction busTransmit = nullptr;
+inline bool refusingTransmit(CANTransmitMessageClass* message) {
+    return refused.count(message->getParameterGroupNumber()) == 0 && busTransmit(message);
+}
 
-    std::set<uint32_t> refused;
-
-private:
-    static RefusingTransmit*& current() {
-        static RefusingTransmit* instance = nullptr;
-        return instance;
-    }
-    static bool transmit(CANTransmitMessageClass* message) {
-        return current()->refused.count(message->getParameterGroupNumber()) == 0 &&
-               current()->busTransmit(message);
-    }
-    TransmitCANMessageFunction busTransmit;
-};
-
-// Count of a description message, listed or still in a slot.
+// Count of a description message of the given severity. Records compare texts by pointer, so
+// this matches by content instead.
 inline uint32_t reportCount(const char* owner, const char* text, uint8_t severity) {
+    NetworkManagementStatisticsClass::updateDescriptionMessages();  // slots into the lists
     uint32_t count = 0;
     const char *o = nullptr, *t = nullptr;
     uint8_t s = 0;
@@ -48,23 +33,14 @@ inline uint32_t reportCount(const char* owner, const char* text, uint8_t severit
             count += c;
         }
     }
-    for (const DescriptionMessageSlot& slot :
-         NetworkManagementStatisticsClass::availableDescriptionMessages) {
-        if (slot.owner != nullptr && slot.severity == severity &&
-            std::strcmp(slot.owner, owner) == 0 && std::strcmp(slot.text, text) == 0) {
-            ++count;
-        }
-    }
     return count;
 }
 
-// 29-bit identifier of a frame from `source` to `destination` (255 for global).
+// 29-bit identifier of a destination-specific PGN (low byte 0) sent to `destination`.
 inline uint32_t frameIdentifier(uint8_t priority, uint32_t pgn, uint8_t destination,
                                 uint8_t source) {
-    const uint32_t pduFormat = (pgn >> 8) & 0xFFu;
-    const uint32_t pduSpecific = pduFormat < 0xF0 ? destination : (pgn & 0xFFu);
-    return (static_cast<uint32_t>(priority) << 26) | ((pgn & 0x30000u) << 8) | (pduFormat << 16) |
-           (pduSpecific << 8) | source;
+    return (static_cast<uint32_t>(priority) << 26) | (pgn << 8) |
+           (static_cast<uint32_t>(destination) << 8) | source;
 }
 
 constexpr uint8_t SELF = 0x80;
@@ -75,6 +51,9 @@ constexpr uint8_t OTHER = 0x31;
 class ProtocolTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // The bus puts back what stood before it.
+        busTransmit = NetworkManagementClass::TransmitCANMessage;
+        NetworkManagementClass::TransmitCANMessage = &refusingTransmit;
         ASSERT_TRUE(bus.runUntilClaimed(self));
         bus.receiveClaim(0, PEER, testNAME(2));
         bus.receiveClaim(0, OTHER, testNAME(3));
@@ -83,7 +62,6 @@ protected:
     }
 
     SimulatedBus bus;
-    RefusingTransmit transmit;
     TestInternalControlFunction self{testNAME(1), 0, {SELF}};
 };
 

@@ -65,14 +65,6 @@ public:
         confirmPending();
         NetworkManagementClass::update();
     }
-    // Runs updates every `period` ms for `duration` ms of fake time.
-    void run(uint32_t duration, uint32_t period = 10) {
-        for (uint32_t t = 0; t < duration; t += period) {
-            advance(period);
-            update();
-        }
-    }
-
     // Steps updates every 10 ms until `done` holds; false if it does not within `limit` ms.
     template <typename Done>
     bool runUntil(Done done, uint32_t limit = 3000) {
@@ -87,6 +79,10 @@ public:
     }
     bool runUntilClaimed(InternalControlFunctionClass& function, uint32_t limit = 3000) {
         return runUntil([&function] { return function.isAddressValid(); }, limit);
+    }
+    // Runs updates every 10 ms for `duration` ms of fake time.
+    void run(uint32_t duration) {
+        runUntil([] { return false; }, duration);
     }
 
     // Confirms every queued (non-immediate) frame with the configured result.
@@ -108,6 +104,11 @@ public:
         std::vector<uint8_t> bytes(8);
         NAMEClass(name).toBytes(bytes.data());
         receive(channel, 0x18EEFF00u | address, bytes);
+    }
+    // The same, returning the control function that now holds the address.
+    ControlFunctionClass* claimFrom(uint8_t channel, uint8_t address, uint64_t name) {
+        receiveClaim(channel, address, name);
+        return NetworkManagementClass::getControlFunction(channel, address);
     }
 
     std::vector<SentFrame> framesWithPGN(uint32_t pgn) const {

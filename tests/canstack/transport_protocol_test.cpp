@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -26,9 +27,19 @@ std::vector<uint8_t> pattern(size_t size, uint8_t seed = 0) {
     }
     return bytes;
 }
+std::vector<uint8_t> range(uint8_t first, uint8_t last) {
+    std::vector<uint8_t> values(last - first + 1);
+    std::iota(values.begin(), values.end(), first);
+    return values;
+}
+// A table cell without nested braces, which keeps the rows on few lines.
+template <typename T, typename... V>
+std::vector<T> list(V... values) {
+    return {T(values)...};
+}
 
-uint8_t packetsFor(size_t size) {
-    return static_cast<uint8_t>((size - 1) / 7 + 1);
+uint32_t packetsFor(size_t size) {
+    return static_cast<uint32_t>((size - 1) / 7 + 1);
 }
 
 std::vector<uint8_t> cm(uint8_t control, uint8_t b1, uint8_t b2, uint8_t b3, uint32_t pgn = PGN) {
@@ -38,7 +49,7 @@ std::vector<uint8_t> cm(uint8_t control, uint8_t b1, uint8_t b2, uint8_t b3, uin
 // RTS, BAM and EOM all carry the size and the packet count.
 std::vector<uint8_t> sized(uint8_t control, size_t size, uint32_t pgn = PGN) {
     return cm(control, static_cast<uint8_t>(size), static_cast<uint8_t>(size >> 8),
-              packetsFor(size), pgn);
+              static_cast<uint8_t>(packetsFor(size)), pgn);
 }
 std::vector<uint8_t> abortFrame(uint8_t reason, uint32_t pgn = PGN) {
     return cm(ABORT, reason, 0xFF, 0xFF, pgn);
@@ -48,7 +59,6 @@ std::vector<uint8_t> abortFrame(uint8_t reason, uint32_t pgn = PGN) {
 Frames delivered;
 Results completions;
 std::vector<uint8_t> fragmentSource;
-uint32_t fragmentChunk = 9;
 uint32_t fragmentRequests = 0;
 
 void recordLongMessage(CANMessageClass* message, ReceiveCANMessageCallbackClass*) {
@@ -58,6 +68,7 @@ void recordLongMessage(CANMessageClass* message, ReceiveCANMessageCallbackClass*
     delivered.push_back(data);
 }
 
+// Fragments come in 9-byte pieces, so they straddle packets.
 void transferCallback(CANCallbackClass* callback) {
     if (callback->getCallbackType() != 2) {
         completions.emplace_back(callback->getHandle(), callback->isSuccess());
@@ -66,8 +77,7 @@ void transferCallback(CANCallbackClass* callback) {
     auto* fragment = static_cast<CANFragmentCallbackClass*>(callback);
     ++fragmentRequests;
     const uint32_t left = static_cast<uint32_t>(fragmentSource.size()) - fragment->getOffset();
-    fragment->setFragmentData(fragmentSource.data() + fragment->getOffset(),
-                              std::min(fragmentChunk, left));
+    fragment->setFragmentData(fragmentSource.data() + fragment->getOffset(), std::min(9u, left));
 }
 
 uint32_t usedBlocks() {
@@ -95,6 +105,19 @@ protected:
                 data[i + 1] = message[at];
             }
             bus.receive(0, frameIdentifier(7, 0xEB00, destination, PEER), data);
+        }
+    }
+
+    // Steps 1 ms at a time until `done`, handing every new frame to `react`.
+    template <typename React, typename Done>
+    void step(React react, Done done) {
+        size_t seen = 0;
+        for (int ms = 0; ms < 2000 && !done(); ++ms) {
+            bus.advance(1);
+            bus.update();
+            for (; seen < bus.frames.size(); ++seen) {
+                react(SentFrame(bus.frames[seen]));  // a copy: reactions may add frames
+            }
         }
     }
 
@@ -132,23 +155,44 @@ const auto caseName = [](const auto& info) { return info.param.name; };
 
 // ---------------------------------------------------------------- receive side
 
-TEST_F(TransportTest, RtsOfFivePacketsThreePerCtsIsReassembled) {
-    const std::vector<uint8_t> message = pattern(33);
-    control({RTS, 33, 0, 5, 3, 0x00, 0xEF, 0x00});
-    bus.update();
-    EXPECT_EQ(sent(CTS), (Frames{cm(CTS, 3, 1, 0xFF)}));
-    packets(1, 3, message);
-    bus.update();
-    EXPECT_EQ(sent(CTS).back(), cm(CTS, 3, 4, 0xFF));
-    EXPECT_TRUE(sent(EOM).empty());
-    packets(4, 5, message);
-    bus.update();
-    EXPECT_EQ(sent(EOM), (Frames{sized(EOM, 33)}));
-    EXPECT_EQ(bus.framesWithPGN(0xEC00).back().pduSpecific(), PEER);
+struct ReceiveCase {
+    const char* name;
+    size_t size;
+    uint8_t perCts;  // byte 4 of the RTS
+};
+using TransportReceiveTest = TransportCaseTest<ReceiveCase>;
+
+TEST_P(TransportReceiveTest, PeerMessageIsReassembledPageByPage) {
+    const ReceiveCase& c = GetParam();
+    const std::vector<uint8_t> message = pattern(c.size, 2);
+    const uint32_t total = packetsFor(c.size);
+    std::vector<uint8_t> rts = sized(RTS, c.size);
+    rts[4] = c.perCts;
+    control(rts);
+    step(
+        [&](const SentFrame& frame) {
+            EXPECT_EQ(frame.pduSpecific(), PEER);
+            if (frame.data[0] == CTS) {
+                packets(frame.data[2], std::min(total, frame.data[2] + frame.data[1] - 1u),
+                        message);
+            }
+        },
+        [] { return !delivered.empty(); });
+    Frames cts;  // each asks for a full page, the last one too
+    for (uint32_t next = 1; next <= total; next += c.perCts) {
+        cts.push_back(cm(CTS, c.perCts, static_cast<uint8_t>(next), 0xFF));
+    }
+    EXPECT_EQ(sent(CTS), cts);
+    EXPECT_EQ(sent(EOM), (Frames{sized(EOM, c.size)}));
     EXPECT_EQ(delivered, (Frames{message}));
     EXPECT_EQ(sessions(), 0u);
     EXPECT_EQ(usedBlocks(), 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Sizes, TransportReceiveTest,
+                         ::testing::Values(ReceiveCase{"FivePacketsThreePerCts", 33, 3},
+                                           ReceiveCase{"Largest1785", 1785, 16}),
+                         caseName);
 
 TEST_F(TransportTest, BroadcastIsReassembledAndASecondOneFromTheSameSourceIgnored) {
     const std::vector<uint8_t> message = pattern(20, 3);
@@ -162,41 +206,6 @@ TEST_F(TransportTest, BroadcastIsReassembledAndASecondOneFromTheSameSourceIgnore
     EXPECT_EQ(delivered, (Frames{message}));
     EXPECT_TRUE(bus.frames.empty());
 }
-
-struct SequenceCase {
-    const char* name;
-    std::vector<uint32_t> sequences;  // data packets sent
-    bool openSession;
-    std::vector<uint8_t> abort;
-    const char* report;
-};
-using TransportSequenceTest = TransportCaseTest<SequenceCase>;
-
-TEST_P(TransportSequenceTest, WrongDataPacketAbortsWithItsReason) {
-    const SequenceCase& c = GetParam();
-    if (c.openSession) {
-        control(sized(RTS, 30));
-        bus.update();
-    }
-    for (uint32_t sequence : c.sequences) {
-        packets(sequence, sequence, pattern(30));
-    }
-    bus.update();
-    EXPECT_EQ(sent(ABORT), (Frames{c.abort}));
-    EXPECT_EQ(reportCount(OWNER, c.report, 0), 1u);
-    EXPECT_EQ(sessions(), 0u);
-    EXPECT_EQ(usedBlocks(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Packets, TransportSequenceTest,
-    ::testing::Values(
-        SequenceCase{
-            "Duplicate", {1, 2, 2}, true, abortFrame(8), "Receive Data Duplicate Sequence Number"},
-        SequenceCase{"Skipped", {1, 3}, true, abortFrame(7), "Receive Data Bad Sequence Number"},
-        SequenceCase{
-            "OutsideSession", {1}, false, abortFrame(6, 0xFFFFFF), "Receive Data Not in Session"}),
-    caseName);
 
 TEST_F(TransportTest, AbortForAnotherPgnEndsNothing) {
     control(sized(RTS, 30));
@@ -212,102 +221,182 @@ TEST_F(TransportTest, AbortForAnotherPgnEndsNothing) {
     EXPECT_TRUE(sent(ABORT).empty());
 }
 
-struct ReceiveTimeoutCase {
+// ---------------------------------------------------------------- ends of sessions
+
+// How a session opens, besides an RTS or a BAM from the peer.
+constexpr uint8_t NONE = 0, SEND = 1, SEND_KEPT = 2;
+// What becomes of frames sent from here: confirmed, never confirmed, or aborts refused.
+enum Outlet : uint8_t { CONFIRM, NO_CONFIRM, REFUSE_ABORT };
+
+struct EndCase {
     const char* name;
-    bool broadcast;
-    uint32_t packetsBefore;
-    bool refuseAbort;
-    uint32_t limit;
+    uint8_t opening;  // SEND: 300 bytes to the peer from a pool copy, SEND_KEPT: from caller's
+    Frames peer;      // then from the peer: control frames, or data packets by sequence alone
+    Outlet outlet;
+    std::vector<uint8_t> sequences;  // of the data packets sent from here
+    uint32_t limit;  // ms of silence that end the session; 0: the peer's last frame does
+    uint8_t reason;  // of the abort sent; 0: none
+    uint8_t severity;
     const char* report;
 };
-using TransportReceiveTimeoutTest = TransportCaseTest<ReceiveTimeoutCase>;
+using TransportEndTest = TransportCaseTest<EndCase>;
 
-TEST_P(TransportReceiveTimeoutTest, SilentSenderEndsTheSessionAtTheLimit) {
-    const ReceiveTimeoutCase& c = GetParam();
-    const uint8_t destination = c.broadcast ? 0xFF : SELF;
-    control(sized(c.broadcast ? BAM : RTS, 30), destination);
-    bus.update();
-    packets(1, c.packetsBefore, pattern(30), destination);
-    bus.update();
-    if (c.refuseAbort) {
-        transmit.refused = {0xEC00};
+TEST_P(TransportEndTest, SessionEndsWithItsAbortAndReport) {
+    const EndCase& c = GetParam();
+    const std::vector<uint8_t> message = pattern(300);
+    const uint8_t destination = c.opening == BAM ? 0xFF : SELF;
+    const bool sending = c.opening == SEND || c.opening == SEND_KEPT;
+    if (sending) {
+        ASSERT_EQ(send(&message, 300, PEER, c.opening == SEND_KEPT), 0u);
+    } else if (c.opening != NONE) {
+        control(sized(c.opening, 300), destination);
     }
-    bus.advance(c.limit - 1);
     bus.update();
-    EXPECT_EQ(sessions(), 1u);
-    bus.advance(1);
-    bus.update();
+    const auto after = [&](uint32_t ms) {
+        bus.advance(ms);
+        c.outlet == NO_CONFIRM ? NM::update() : bus.update();
+    };
+    for (const std::vector<uint8_t>& frame : c.peer) {
+        if (frame.size() == 1) {
+            packets(frame[0], frame[0], message, destination);
+        } else {
+            control(frame);
+        }
+        for (int i = 0; i < 4; ++i) {
+            after(0);  // packet confirmations count as activity
+        }
+    }
+    if (c.outlet == REFUSE_ABORT) {
+        refused = {0xEC00};
+    }
+    std::vector<uint8_t> sequences;
+    for (const SentFrame& frame : dataPackets()) {
+        sequences.push_back(frame.data[0]);
+    }
+    EXPECT_EQ(sequences, c.sequences);
+    if (c.limit > 0) {
+        after(c.limit - 1);
+        EXPECT_EQ(sessions(), 1u);
+        after(1);
+    }
     EXPECT_EQ(sessions(), 0u);
-    EXPECT_EQ(reportCount(OWNER, c.report, 2), 1u);
-    const bool aborted = !c.broadcast && !c.refuseAbort;
-    EXPECT_EQ(sent(ABORT), aborted ? Frames{abortFrame(3)} : Frames{});
+    const uint32_t pgn = c.opening == NONE ? 0xFFFFFF : PGN;
+    EXPECT_EQ(sent(ABORT), c.reason != 0 ? Frames{abortFrame(c.reason, pgn)} : Frames{});
+    EXPECT_EQ(reportCount(OWNER, c.report, c.severity), 1u);
+    EXPECT_EQ(completions, (sending ? Results{{handle, false}} : Results()));
+    EXPECT_EQ(usedBlocks(), 0u);
+}
+
+const std::vector<uint8_t> FIRST = cm(CTS, 3, 1, 0xFF);
+const std::vector<uint8_t> SECOND = cm(CTS, 3, 4, 0xFF);
+const std::vector<uint8_t> ALL = cm(CTS, 43, 1, 0xFF);
+template <typename... S>
+Frames packetsIn(S... sequences) {
+    return {std::vector<uint8_t>(1, static_cast<uint8_t>(sequences))...};
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Limits, TransportReceiveTimeoutTest,
-    ::testing::Values(
-        ReceiveTimeoutCase{"FirstPacketOfPage", false, 0, false, 1250, "Receive Data Timeout"},
-        ReceiveTimeoutCase{"WithinPage", false, 2, false, 750, "Receive Data Timeout"},
-        ReceiveTimeoutCase{"Broadcast", true, 1, false, 750, "Receive Data Timeout"},
-        ReceiveTimeoutCase{"AbortNotSent", false, 0, true, 1500, "Generic Timeout"}),
+    Ends, TransportEndTest,
+    ::testing::Values(EndCase{"ReceiveDuplicate", RTS, packetsIn(1, 2, 2), CONFIRM, list<uint8_t>(),
+                              0, 8, 0, "Receive Data Duplicate Sequence Number"},
+                      EndCase{"ReceiveSkipped", RTS, packetsIn(1, 3), CONFIRM, list<uint8_t>(), 0,
+                              7, 0, "Receive Data Bad Sequence Number"},
+                      EndCase{"ReceiveOutsideSession", NONE, packetsIn(1), CONFIRM, list<uint8_t>(),
+                              0, 6, 0, "Receive Data Not in Session"},
+                      EndCase{"ReceiveFirstPacketOfPage", RTS, Frames(), CONFIRM, list<uint8_t>(),
+                              1250, 3, 2, "Receive Data Timeout"},
+                      EndCase{"ReceiveWithinPage", RTS, packetsIn(1, 2), CONFIRM, list<uint8_t>(),
+                              750, 3, 2, "Receive Data Timeout"},
+                      EndCase{"ReceiveBroadcast", BAM, packetsIn(1), CONFIRM, list<uint8_t>(), 750,
+                              0, 2, "Receive Data Timeout"},
+                      EndCase{"ReceiveAbortNotSent", RTS, Frames(), REFUSE_ABORT, list<uint8_t>(),
+                              1500, 0, 2, "Generic Timeout"},
+                      EndCase{"SendNoCts", SEND, Frames(), CONFIRM, list<uint8_t>(), 1250, 3, 2,
+                              "Wait Clear to Send Timeout"},
+                      EndCase{"SendCtsOfZeroPackets", SEND, Frames(1, cm(CTS, 0, 1, 0xFF)), CONFIRM,
+                              list<uint8_t>(), 1050, 3, 2, "Wait Clear to Send Timeout"},
+                      EndCase{"SendNoEom", SEND, Frames(1, ALL), CONFIRM, range(1, 43), 1250, 3, 2,
+                              "Wait for Acknowledgement Timeout"},
+                      EndCase{"SendTwentyPacketsInFlight", SEND, Frames(1, ALL), NO_CONFIRM,
+                              range(1, 20), 1500, 0, 2, "Generic Timeout"},
+                      // A pool copy moves its page on and cannot go back before it.
+                      EndCase{"SendRetryThirdTimeInARow", SEND_KEPT, Frames(4, FIRST), CONFIRM,
+                              list<uint8_t>(1, 2, 3, 1, 2, 3, 1, 2, 3), 0, 5, 0,
+                              "CTS Retry Limit Exceeded"},
+                      EndCase{"SendRetryBeforeThePageStart", SEND,
+                              list<Frames::value_type>(FIRST, SECOND, FIRST), CONFIRM, range(1, 6),
+                              0, 5, 0, "CTS Retry Limit Exceeded"}),
     caseName);
 
 // ---------------------------------------------------------------- send side
 
-struct SourceCase {
+struct SendCase {
     const char* name;
+    size_t size;
     bool persistent;
     bool withData;  // false: the fragment callback supplies it
+    uint8_t perCts;
+    uint32_t fragmentRequests;
 };
-using TransportSourceTest = TransportCaseTest<SourceCase>;
+using TransportSendTest = TransportCaseTest<SendCase>;
 
-TEST_P(TransportSourceTest, ConnectionModeSendsEveryByteAndEndsWithTheEom) {
-    const std::vector<uint8_t> message = pattern(40, 9);
+// The peer asks for pages of `perCts` packets and acknowledges the end.
+TEST_P(TransportSendTest, PeerGetsEveryByteInOrderAndTheEomCompletes) {
+    const SendCase& c = GetParam();
+    const std::vector<uint8_t> message = pattern(c.size, 9);
+    const uint32_t total = packetsFor(c.size);
     fragmentSource = message;
-    ASSERT_EQ(send(GetParam().withData ? &message : nullptr, 40, PEER, GetParam().persistent), 0u);
-    bus.update();
-    EXPECT_EQ(sent(RTS), (Frames{sized(RTS, 40)}));
-    control(cm(CTS, 4, 1, 0xFF));
-    bus.update();
-    EXPECT_EQ(dataPackets().size(), 4u);
-    control(cm(CTS, 2, 5, 0xFF));
-    bus.update();
+    ASSERT_EQ(send(c.withData ? &message : nullptr, c.size, PEER, c.persistent), 0u);
     std::vector<uint8_t> bytes;
-    for (const SentFrame& frame : dataPackets()) {
-        EXPECT_EQ(frame.data[0], bytes.size() / 7 + 1);
-        EXPECT_EQ(frame.pduSpecific(), PEER);
-        bytes.insert(bytes.end(), frame.data.begin() + 1, frame.data.end());
-    }
+    uint32_t granted = 0;
+    const auto grant = [&](uint32_t next) {
+        granted = std::min(total, next + c.perCts - 1);
+        control(cm(CTS, static_cast<uint8_t>(c.perCts), static_cast<uint8_t>(next), 0xFF));
+    };
+    step(
+        [&](const SentFrame& frame) {
+            EXPECT_EQ(frame.pduSpecific(), PEER);
+            if (frame.pgn() == 0xEC00) {
+                EXPECT_EQ(frame.data, sized(RTS, c.size));
+                grant(1);
+                return;
+            }
+            const uint32_t sequence = static_cast<uint32_t>(bytes.size() / 7 + 1);
+            ASSERT_EQ(frame.data[0], sequence);
+            ASSERT_LE(sequence, granted);
+            bytes.insert(bytes.end(), frame.data.begin() + 1, frame.data.end());
+            if (sequence == total) {
+                EXPECT_TRUE(completions.empty());
+                control(sized(EOM, c.size));
+            } else if (sequence == granted) {
+                grant(sequence + 1);
+            }
+        },
+        [] { return !completions.empty(); });
     std::vector<uint8_t> expected = message;
-    expected.insert(expected.end(), 2, 0xFF);
+    expected.resize(total * 7, 0xFF);
     EXPECT_EQ(bytes, expected);
-    EXPECT_TRUE(completions.empty());
-    control(sized(EOM, 40));
-    bus.update();
     EXPECT_EQ(completions, (Results{{handle, true}}));
     EXPECT_EQ(usedBlocks(), 0u);
-    EXPECT_EQ(fragmentRequests, GetParam().withData ? 0u : 5u);
+    EXPECT_EQ(fragmentRequests, c.fragmentRequests);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sources, TransportSourceTest,
-                         ::testing::Values(SourceCase{"CallersData", true, true},
-                                           SourceCase{"PoolCopy", false, true},
-                                           SourceCase{"FragmentCallback", false, false}),
-                         caseName);
+INSTANTIATE_TEST_SUITE_P(
+    Sources, TransportSendTest,
+    ::testing::Values(SendCase{"CallersData", 40, true, true, 4, 0},
+                      SendCase{"PoolCopy", 40, false, true, 4, 0},
+                      SendCase{"FragmentCallback", 40, false, false, 4, 5},
+                      SendCase{"Largest1785FromPool", 1785, false, true, 16, 0},
+                      SendCase{"Padded1780FromFragments", 1780, false, false, 16, 198}),
+    caseName);
 
 TEST_F(TransportTest, BroadcastPacketsAre51MsApartAndNeedNoAnswer) {
     bus.deferQueued = false;  // confirmed at once, so the gap counts from each send
     const std::vector<uint8_t> message = pattern(9, 5);
     ASSERT_EQ(send(&message, 9, 0xFF), 0u);
     std::vector<uint32_t> times;  // of the BAM and each packet
-    for (int step = 0; step < 200 && completions.empty(); ++step) {
-        const size_t before = bus.frames.size();
-        bus.advance(1);
-        bus.update();
-        if (bus.frames.size() > before) {
-            times.push_back(SimulatedBus::now());
-        }
-    }
+    step([&](const SentFrame&) { times.push_back(SimulatedBus::now()); },
+         [] { return !completions.empty(); });
     EXPECT_EQ(sent(BAM), (Frames{sized(BAM, 9, BROADCAST_PGN)}));
     ASSERT_EQ(dataPackets().size(), 2u);
     EXPECT_EQ(dataPackets()[1].data,
@@ -318,172 +407,16 @@ TEST_F(TransportTest, BroadcastPacketsAre51MsApartAndNeedNoAnswer) {
     EXPECT_EQ(completions, (Results{{handle, true}}));
 }
 
-struct WaitCase {
-    const char* name;
-    std::vector<uint8_t> cts;  // empty: the peer stays silent
-    uint32_t limit;
-    const char* report;
-};
-using TransportWaitTest = TransportCaseTest<WaitCase>;
-
-TEST_P(TransportWaitTest, SenderGivesUpWaitingForThePeer) {
-    const std::vector<uint8_t> message = pattern(20);
-    ASSERT_EQ(send(&message, 20), 0u);
-    bus.update();
-    if (!GetParam().cts.empty()) {
-        control(GetParam().cts);
-        bus.update();
-        bus.update();  // packet confirmations count as activity
-    }
-    bus.advance(GetParam().limit - 1);
-    bus.update();
-    EXPECT_TRUE(sent(ABORT).empty());
-    bus.advance(1);
-    bus.update();
-    EXPECT_EQ(sent(ABORT), (Frames{abortFrame(3)}));
-    EXPECT_EQ(reportCount(OWNER, GetParam().report, 2), 1u);
-    EXPECT_EQ(completions, (Results{{handle, false}}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Limits, TransportWaitTest,
-    ::testing::Values(
-        WaitCase{"NoCts", {}, 1250, "Wait Clear to Send Timeout"},
-        WaitCase{"CtsOfZeroPackets", cm(CTS, 0, 1, 0xFF), 1050, "Wait Clear to Send Timeout"},
-        WaitCase{"NoEom", cm(CTS, 3, 1, 0xFF), 1250, "Wait for Acknowledgement Timeout"}),
-    caseName);
-
-struct RetryCase {
-    const char* name;
-    bool persistent;  // a pool copy moves its page on and cannot go back before it
-    Frames accepted;
-};
-using TransportRetryTest = TransportCaseTest<RetryCase>;
-
-TEST_P(TransportRetryTest, RetransmissionIsRefusedWithReasonFive) {
-    const std::vector<uint8_t> message = pattern(70);
-    ASSERT_EQ(send(&message, 70, PEER, GetParam().persistent), 0u);
-    bus.update();
-    for (const std::vector<uint8_t>& cts : GetParam().accepted) {
-        control(cts);
-        bus.update();
-    }
-    EXPECT_TRUE(sent(ABORT).empty());
-    EXPECT_EQ(dataPackets().size(), 3 * GetParam().accepted.size());
-    EXPECT_EQ(dataPackets()[3].data[0], GetParam().persistent ? 1 : 4);
-    control(cm(CTS, 3, 1, 0xFF));
-    bus.update();
-    EXPECT_EQ(sent(ABORT), (Frames{abortFrame(5)}));
-    EXPECT_EQ(reportCount(OWNER, "CTS Retry Limit Exceeded", 0), 1u);
-    EXPECT_EQ(completions, (Results{{handle, false}}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Requests, TransportRetryTest,
-    ::testing::Values(RetryCase{"ThirdTimeInARow",
-                                true,
-                                {cm(CTS, 3, 1, 0xFF), cm(CTS, 3, 1, 0xFF), cm(CTS, 3, 1, 0xFF)}},
-                      RetryCase{
-                          "BeforeThePageStart", false, {cm(CTS, 3, 1, 0xFF), cm(CTS, 3, 4, 0xFF)}}),
-    caseName);
-
-TEST_F(TransportTest, TwentyPacketsInFlightStopTheSenderAndTheGenericTimerRuns) {
-    const std::vector<uint8_t> message = pattern(300);
-    ASSERT_EQ(send(&message, 300), 0u);
-    bus.update();
-    control(cm(CTS, 43, 1, 0xFF));
-    bus.update();
-    NM::update();  // no confirmations
-    EXPECT_EQ(dataPackets().size(), 20u);
-    bus.advance(1499);
-    NM::update();
-    EXPECT_EQ(sessions(), 1u);
-    bus.advance(1);
-    NM::update();
-    EXPECT_EQ(reportCount(OWNER, "Generic Timeout", 2), 1u);
-    EXPECT_EQ(completions, (Results{{handle, false}}));
-}
-
 TEST_F(TransportTest, TransmitsBeyondTheLimitsAreRefused) {
     const std::vector<uint8_t> message = pattern(1786);
     EXPECT_EQ(send(&message, 1786), 14u);
     ASSERT_EQ(send(&message, 1785, PEER), 0u);
     EXPECT_EQ(send(&message, 1785, PEER), 15u);
     ASSERT_EQ(send(&message, 1785, OTHER), 0u);
-    EXPECT_EQ(usedBlocks(), 36u);
     EXPECT_EQ(send(&message, 1785, 0xFF), 17u);
     EXPECT_EQ(reportCount(OWNER, "Transmit Memory Pool Failure", 2), 1u);
     EXPECT_EQ(send(nullptr, 1785, 0xFF), 17u);
     EXPECT_EQ(reportCount(OWNER, "Transmit Request Memory Pool Failure", 2), 1u);
     EXPECT_EQ(sessions(), 2u);
     EXPECT_EQ(usedBlocks(), 36u);
-}
-
-// ---------------------------------------------------------------- whole transfers
-
-struct WholeCase {
-    const char* name;
-    size_t size;
-    bool fragments;
-};
-using TransportWholeSendTest = TransportCaseTest<WholeCase>;
-
-TEST_P(TransportWholeSendTest, LargestMessageLeavesAs255PacketsInOrder) {
-    const std::vector<uint8_t> message = pattern(GetParam().size, 1);
-    fragmentSource = message;
-    fragmentChunk = 100;
-    ASSERT_EQ(send(GetParam().fragments ? nullptr : &message, message.size()), 0u);
-    // The peer asks for pages of 16 packets and acknowledges the end.
-    size_t seen = 0;
-    std::vector<uint8_t> bytes;
-    for (int step = 0; step < 2000 && completions.empty(); ++step) {
-        bus.advance(1);
-        bus.update();
-        for (; seen < bus.frames.size(); ++seen) {
-            const SentFrame frame = bus.frames[seen];  // replies below may add frames
-            const uint32_t received = static_cast<uint32_t>(bytes.size() / 7);
-            if (frame.pgn() == 0xEC00 && frame.data[0] == RTS) {
-                control(cm(CTS, 16, 1, 0xFF));
-            } else if (frame.pgn() == 0xEB00) {
-                ASSERT_EQ(frame.data[0], received + 1);
-                bytes.insert(bytes.end(), frame.data.begin() + 1, frame.data.end());
-                if (received + 1 == 255) {
-                    control(sized(EOM, message.size()));
-                } else if ((received + 1) % 16 == 0) {
-                    control(cm(CTS, 16, static_cast<uint8_t>(received + 2), 0xFF));
-                }
-            }
-        }
-    }
-    std::vector<uint8_t> expected = message;
-    expected.resize(1785, 0xFF);
-    EXPECT_EQ(bytes, expected);
-    EXPECT_TRUE(sent(ABORT).empty());
-    EXPECT_EQ(completions, (Results{{handle, true}}));
-    EXPECT_EQ(usedBlocks(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, TransportWholeSendTest,
-                         ::testing::Values(WholeCase{"Full1785FromPool", 1785, false},
-                                           WholeCase{"Padded1780FromFragments", 1780, true}),
-                         caseName);
-
-TEST_F(TransportTest, LargestMessageFromAPeerIsReassembledExactly) {
-    const std::vector<uint8_t> message = pattern(1785, 2);
-    control({RTS, 0xF9, 0x06, 255, 16, 0x00, 0xEF, 0x00});
-    size_t seen = 0;
-    for (int step = 0; step < 200 && delivered.empty(); ++step) {
-        bus.advance(1);
-        bus.update();
-        for (; seen < bus.frames.size(); ++seen) {
-            const SentFrame frame = bus.frames[seen];  // replies below may add frames
-            if (frame.pgn() == 0xEC00 && frame.data[0] == CTS) {
-                packets(frame.data[2], std::min(255u, frame.data[2] + frame.data[1] - 1u), message);
-            }
-        }
-    }
-    EXPECT_EQ(sent(CTS).size(), 16u);
-    EXPECT_EQ(sent(EOM), (Frames{sized(EOM, 1785)}));
-    EXPECT_EQ(delivered, (Frames{message}));
-    EXPECT_EQ(usedBlocks(), 0u);
 }
