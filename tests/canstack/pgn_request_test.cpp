@@ -98,7 +98,7 @@ TEST_P(PgnRequestAnswerTest, RequestEndsWithItsAcknowledgementAndReport) {
               c.report == nullptr ? 1u : 0u);
     if (c.report != nullptr) {
         // Refusals are notices, timeouts worse.
-        EXPECT_EQ(reportCount(OWNER, c.report, c.limit > 0 ? 2 : 0), 1u);
+        EXPECT_EQ(descriptionCount(OWNER, c.report, c.limit > 0 ? 2 : 0), 1u);
     }
     if (c.ackControl < 0) {
         EXPECT_TRUE(bus.frames.empty());
@@ -157,7 +157,7 @@ TEST_F(PgnRequestTest, EleventhWaitingRequestGetsCannotRespondAtOnce) {
     }
     ASSERT_EQ(acks().size(), 1u);  // and only for the last
     EXPECT_EQ(acks()[0].data, ack(3, 0xFF0A));
-    EXPECT_EQ(reportCount(OWNER, "Cannot Respond Response", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Cannot Respond Response", 2), 1u);
 }
 
 TEST_F(PgnRequestTest, UnsentAcknowledgementLeavesTheRequestQueued) {

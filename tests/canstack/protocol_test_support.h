@@ -19,23 +19,6 @@ inline bool refusingTransmit(CANTransmitMessageClass* message) {
     return refused.count(message->getParameterGroupNumber()) == 0 && busTransmit(message);
 }
 
-// Count of a description message of the given severity. Records compare texts by pointer, so
-// this matches by content instead.
-inline uint32_t reportCount(const char* owner, const char* text, uint8_t severity) {
-    NetworkManagementStatisticsClass::updateDescriptionMessages();  // slots into the lists
-    uint32_t count = 0;
-    const char *o = nullptr, *t = nullptr;
-    uint8_t s = 0;
-    uint32_t c = 0;
-    for (uint32_t i = 0; NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, s, c);
-         ++i) {
-        if (s == severity && std::strcmp(o, owner) == 0 && std::strcmp(t, text) == 0) {
-            count += c;
-        }
-    }
-    return count;
-}
-
 // 29-bit identifier of a destination-specific PGN (low byte 0) sent to `destination`.
 inline uint32_t frameIdentifier(uint8_t priority, uint32_t pgn, uint8_t destination,
                                 uint8_t source) {

@@ -181,23 +181,26 @@ public:
 };
 
 // Count of a description message, in the lists and the pending slots, by text content;
-// a null text counts every message of the owner.
-inline uint32_t descriptionCount(const char* owner, const char* text) {
+// a null text or a negative severity matches any.
+inline uint32_t descriptionCount(const char* owner, const char* text, int severity = -1) {
+    const auto matches = [&](const char* o, const char* t, uint8_t s) {
+        return std::strcmp(o, owner) == 0 && (text == nullptr || std::strcmp(t, text) == 0) &&
+               (severity < 0 || s == severity);
+    };
     uint32_t count = 0;
     const char* o = nullptr;
     const char* t = nullptr;
-    uint8_t severity = 0;
+    uint8_t s = 0;
     uint32_t c = 0;
-    for (uint32_t i = 0;
-         NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, severity, c); ++i) {
-        if (std::strcmp(o, owner) == 0 && (text == nullptr || std::strcmp(t, text) == 0)) {
+    for (uint32_t i = 0; NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, s, c);
+         ++i) {
+        if (matches(o, t, s)) {
             count += c;
         }
     }
     for (const DescriptionMessageSlot& slot :
          NetworkManagementStatisticsClass::availableDescriptionMessages) {
-        if (slot.owner != nullptr && std::strcmp(slot.owner, owner) == 0 &&
-            (text == nullptr || std::strcmp(slot.text, text) == 0)) {
+        if (slot.owner != nullptr && matches(slot.owner, slot.text, slot.severity)) {
             ++count;
         }
     }

@@ -200,7 +200,7 @@ TEST_F(TransportTest, BroadcastIsReassembledAndASecondOneFromTheSameSourceIgnore
     packets(1, 1, message, 0xFF);
     control(sized(BAM, 40, 0xFEED), 0xFF);
     bus.update();
-    EXPECT_EQ(reportCount(OWNER, "BAM Already in Session", 0), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "BAM Already in Session", 0), 1u);
     packets(2, 3, message, 0xFF);
     bus.update();
     EXPECT_EQ(delivered, (Frames{message}));
@@ -212,11 +212,11 @@ TEST_F(TransportTest, AbortForAnotherPgnEndsNothing) {
     bus.update();
     control(abortFrame(3, 0xEE00));
     bus.update();
-    EXPECT_EQ(reportCount(OWNER, "Connection Abort Message Received", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Connection Abort Message Received", 2), 1u);
     EXPECT_EQ(sessions(), 1u);
     control(abortFrame(3));
     bus.update();
-    EXPECT_EQ(reportCount(OWNER, "Receive Session Aborted", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Receive Session Aborted", 2), 1u);
     EXPECT_EQ(sessions(), 0u);
     EXPECT_TRUE(sent(ABORT).empty());
 }
@@ -282,7 +282,7 @@ TEST_P(TransportEndTest, SessionEndsWithItsAbortAndReport) {
     EXPECT_EQ(sessions(), 0u);
     const uint32_t pgn = c.opening == NONE ? 0xFFFFFF : PGN;
     EXPECT_EQ(sent(ABORT), c.reason != 0 ? Frames{abortFrame(c.reason, pgn)} : Frames{});
-    EXPECT_EQ(reportCount(OWNER, c.report, c.severity), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, c.report, c.severity), 1u);
     EXPECT_EQ(completions, (sending ? Results{{handle, false}} : Results()));
     EXPECT_EQ(usedBlocks(), 0u);
 }
@@ -414,9 +414,9 @@ TEST_F(TransportTest, TransmitsBeyondTheLimitsAreRefused) {
     EXPECT_EQ(send(&message, 1785, PEER), 15u);
     ASSERT_EQ(send(&message, 1785, OTHER), 0u);
     EXPECT_EQ(send(&message, 1785, 0xFF), 17u);
-    EXPECT_EQ(reportCount(OWNER, "Transmit Memory Pool Failure", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Transmit Memory Pool Failure", 2), 1u);
     EXPECT_EQ(send(nullptr, 1785, 0xFF), 17u);
-    EXPECT_EQ(reportCount(OWNER, "Transmit Request Memory Pool Failure", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Transmit Request Memory Pool Failure", 2), 1u);
     EXPECT_EQ(sessions(), 2u);
     EXPECT_EQ(usedBlocks(), 36u);
 }
