@@ -32,6 +32,25 @@ public:
     CAN_MESSAGE_QUEUE_STRUCT* getNextReceivedCANMessage(uint32_t handle);
     bool freeReceivedCANMessage(CAN_MESSAGE_QUEUE_STRUCT* entry);
 
+    // Hands up to `limit` received entries of `handle` to `process`, freeing each one it
+    // accepts; the first it refuses stays queued for the next round. True if any was found.
+    template <typename Process>
+    bool processReceived(uint32_t handle, uint32_t limit, Process process) {
+        bool found = false;
+        for (uint32_t i = 0; i < limit; ++i) {
+            CAN_MESSAGE_QUEUE_STRUCT* entry = getNextReceivedCANMessage(handle);
+            if (entry == nullptr) {
+                break;
+            }
+            found = true;
+            if (!process(*entry)) {
+                break;
+            }
+            freeReceivedCANMessage(entry);
+        }
+        return found;
+    }
+
     uint32_t getCurrentCount() const { return currentCount; }
     uint32_t getDroppedCount() const { return droppedCount; }
     uint32_t getPeakCount() const { return peakCount; }

@@ -140,19 +140,12 @@ uint32_t ParameterGroupNumberRequestProtocolClass::getNumberActiveSessions() con
 
 void ParameterGroupNumberRequestProtocolClass::update() {
     if (messagePending != 0) {
-        messagePending = 0;
-        for (uint32_t i = 0; i < MAXIMUM_QUEUE_ENTRIES_PER_UPDATE; ++i) {
-            CAN_MESSAGE_QUEUE_STRUCT* entry =
-                CANMessageQueueClass::CAN_MESSAGE_QUEUE.getNextReceivedCANMessage(queueHandle);
-            if (entry == nullptr) {
-                break;
-            }
-            messagePending = 1;
-            if (!processQueueEntry(*entry)) {
-                break;
-            }
-            CANMessageQueueClass::CAN_MESSAGE_QUEUE.freeReceivedCANMessage(entry);
-        }
+        messagePending =
+            CANMessageQueueClass::CAN_MESSAGE_QUEUE.processReceived(
+                queueHandle, MAXIMUM_QUEUE_ENTRIES_PER_UPDATE,
+                [this](CAN_MESSAGE_QUEUE_STRUCT& entry) { return processQueueEntry(entry); })
+                ? 1
+                : 0;
     }
     if (sessionsActive != 0) {
         sessionsActive = 0;

@@ -504,19 +504,13 @@ bool TransportProtocolClass::sendClearToSend(const TransportProtocolSession& ses
 
 void TransportProtocolClass::update() {
     if (messagePending != 0) {
-        messagePending = 0;
-        for (uint32_t i = 0; i < MAXIMUM_QUEUE_ENTRIES_PER_UPDATE; ++i) {
-            CAN_MESSAGE_QUEUE_STRUCT* entry =
-                CANMessageQueueClass::CAN_MESSAGE_QUEUE.getNextReceivedCANMessage(queueHandle);
-            if (entry == nullptr) {
-                break;
-            }
-            messagePending = 1;
-            if (!processTransportProtocolMessage(*entry)) {
-                break;
-            }
-            CANMessageQueueClass::CAN_MESSAGE_QUEUE.freeReceivedCANMessage(entry);
-        }
+        messagePending = CANMessageQueueClass::CAN_MESSAGE_QUEUE.processReceived(
+                             queueHandle, MAXIMUM_QUEUE_ENTRIES_PER_UPDATE,
+                             [this](CAN_MESSAGE_QUEUE_STRUCT& entry) {
+                                 return processTransportProtocolMessage(entry);
+                             })
+                             ? 1
+                             : 0;
     }
     if (sessionsActive != 0) {
         sessionsActive = 0;
