@@ -6,6 +6,7 @@
 #include "canstack/canprotocol.h"
 #include "canstack/filteredmessagecallback.h"
 #include "canstack/networkmanagement.h"
+#include "canstack/transportprotocol.h"
 #include "simulated_bus.h"
 
 namespace {
@@ -247,6 +248,9 @@ TEST_F(CanStackNetworkOnBus, CallbackRemovingItselfOrItsFilterEndsTheWalkForThat
 TEST_F(CanStackNetworkClaimed, SendResults) {
     const uint8_t data[9] = {};
     uint32_t handle = 0;
+    // Every program carries the transport protocol; take it out to see the bare send path.
+    ASSERT_TRUE(
+        NM::removeTransmitFunction(&TransportProtocolClass::initializeTransportProtocolTransmit));
     // A long message with no transmit function: success, and nothing goes out.
     const size_t frames = bus.frames.size();
     EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 0u);
