@@ -7,9 +7,17 @@ target_link_libraries(tilthwatch_run
   PUBLIC canpropertysource telematicscollector telemalog proto_tilthwatch log4cplus::log4cplus
          Threads::Threads)
 
-# The service executable. Its sources grow as the subsystems it joins arrive.
-set(TILTHWATCH_PROGRAM_SOURCES ${PROJECT_SOURCE_DIR}/main.cpp)
-add_executable(tilthwatch ${TILTHWATCH_PROGRAM_SOURCES})
-target_include_directories(tilthwatch PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(tilthwatch PRIVATE tilthwatch_run log4cplus::log4cplus)
+include(${PROJECT_SOURCE_DIR}/cmake/Version.cmake)
+
+# Command line and logging set-up, apart from main so tests can call it with their own paths.
+add_library(tilthwatch_shell STATIC ${PROJECT_SOURCE_DIR}/commandlineparser.cpp
+  ${PROJECT_SOURCE_DIR}/thriftlogging.cpp)
+target_include_directories(tilthwatch_shell PUBLIC ${PROJECT_SOURCE_DIR})
+target_link_libraries(tilthwatch_shell
+  PUBLIC Boost::program_options log4cplus::log4cplus PkgConfig::THRIFT
+  PRIVATE tilthwatch_version)
+
+# The service executable.
+add_executable(tilthwatch ${PROJECT_SOURCE_DIR}/main.cpp)
+target_link_libraries(tilthwatch PRIVATE tilthwatch_shell tilthwatch_run log4cplus::log4cplus)
 install(TARGETS tilthwatch RUNTIME DESTINATION bin)
