@@ -10,6 +10,8 @@ packages=(
     libzmq3-dev cppzmq-dev
     libprotobuf-dev protobuf-compiler
     libgtest-dev libgmock-dev googletest libbenchmark-dev
+    # Version stamp, the Debian package (dpkg-shlibdeps needs file) and its unit check.
+    git dpkg-dev file systemd
 )
 
 if [ "$(id -u)" -eq 0 ]; then
