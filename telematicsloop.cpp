@@ -19,6 +19,8 @@
 #include "TelematicsCollector/telematicsicesink.h"
 #include "TelematicsCollector/telematicsmessageconstructor.h"
 #include "TelematicsCollector/telematicszmqsink.h"
+#include "caninterface/caninterfaceimplementation.h"
+#include "caninterface/deviceregistration.h"
 #include "telemalog/manager.h"
 
 using nvsf::telemalog::Manager;
@@ -173,9 +175,10 @@ void runTelematicsLoop(const TelematicsConfig& config) {
     auto stateMachine = std::make_shared<CanPropertySourceStateMachine>(
         properties, config.machineFilePath, config.detectedMachineFilePath);
 
-    // The CAN service is created here, and started with the state machine on a copy of
-    // `channels`; on stop it is stopped before the last flush.
+    deviceregistration::setPath(config.deviceRegistrationPath);
+    auto canService = std::make_shared<CanInterfaceImplementation>(config.channelOpener);
     const std::vector<std::string> channels = config.channels;
+    canService->start(stateMachine, channels);
 
     const SimpleAggregationPlan plan = buildAggregationPlan(*properties);
     std::uint32_t intervalId = manager->openInterval(kRecordName, plan, timestampNow());
@@ -189,5 +192,7 @@ void runTelematicsLoop(const TelematicsConfig& config) {
     }
 
     LOG4CPLUS_INFO(logger, "Stopping tilthwatch application on signal " << signal);
+    // Samples of the last frames still reach the last record.
+    canService->stop();
     closeAndPublish(*properties, manager, intervalId);
 }

@@ -18,6 +18,8 @@ struct TelematicsConfig {
     std::string iceHost = "localhost";
     int icePort = 9090;
     std::string zmqEndpoint = "tcp://*:4499";
+    // The device registration file, source of the serial number in the node's NAME.
+    std::string deviceRegistrationPath = "/etc/norvane/registration.conf";
     // Opens a CAN channel and gives its file descriptor; empty means SocketCAN.
     std::function<int(const std::string& channel)> channelOpener;
     // Sinks handed to the manager after the Ice and ZeroMQ sinks; the service has none.
@@ -31,7 +33,8 @@ void blockStopSignals();
 // Registers the telematics.engine schema in the generated descriptor pool.
 void registerTelematicsSchema();
 
-// Builds the object graph and publishes one record per period. Returns only after SIGTERM or
-// SIGINT, once the last record has been delivered.
+// Builds the object graph, starts the CAN service and publishes one record per period. Returns
+// only after SIGTERM or SIGINT, once the CAN service has stopped and the last record has been
+// delivered.
 void runTelematicsLoop(std::int64_t period);
 void runTelematicsLoop(const TelematicsConfig& config);

@@ -17,7 +17,8 @@ public:
 
     // Little-endian unsigned field of at most four bytes (longer lengths read four).
     // valid is true when any byte of the field differs from 0xFF; a length of 0 or less
-    // gives 0 and valid false. A byte outside the payload reads as 0xFF (not available).
+    // gives 0 and valid false. A field not wholly inside the payload reads as all 0xFF and
+    // is not available.
     std::uint32_t getValue(int offset, int length, bool& valid) const;
 
     std::uint32_t pgn = 0;
