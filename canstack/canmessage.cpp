@@ -77,9 +77,6 @@ CANMessageClass::CANMessageClass(uint8_t channel)
     }
 }
 
-CANMessageClass::CANMessageClass(uint8_t channel, NoCheck)
-    : identifier(1), handle(++uniqueMessageHandle), channel(channel) {}
-
 uint8_t CANMessageClass::getSourceAddress() const {
     if (!identifier.isExtended()) {
         return GLOBAL_ADDRESS;
@@ -100,7 +97,7 @@ uint8_t CANMessageClass::getDestinationAddress() const {
     return identifier.getPDUSpecific();
 }
 
-bool CANMessageClass::isNullSourceAllowed(uint32_t word, const uint8_t* data, uint32_t length) {
+bool CANMessageClass::isNullSourceAllowed(uint32_t word, const uint8_t (&data)[8]) {
     const uint8_t pduFormat = static_cast<uint8_t>(word >> 16);
     const bool pagesClear = ((word >> 24) & 3u) == 0;
     if (!pagesClear) {
@@ -109,8 +106,8 @@ bool CANMessageClass::isNullSourceAllowed(uint32_t word, const uint8_t* data, ui
     if (pduFormat == 0xEE) {
         return true;
     }
-    return pduFormat == 0xEA && data != nullptr && length >= 3 && data[0] == 0x00 &&
-           data[1] == 0xEE && data[2] == 0x00;
+    // The payload is zero-filled past its length, so a short request compares zeros.
+    return pduFormat == 0xEA && data[0] == 0x00 && data[1] == 0xEE && data[2] == 0x00;
 }
 
 bool CANMessageClass::readDataBytes(uint32_t bitOffset, uint32_t bitCount, uint8_t* buffer) const {
@@ -142,7 +139,7 @@ DATA_BITS(uint64_t, 64)
 
 CANReceiveMessageClass::CANReceiveMessageClass(uint8_t identifierType, uint32_t identifierBits,
                                                const uint8_t* data, uint8_t length, uint8_t channel)
-    : CANMessageClass(channel, NoCheck{}) {
+    : CANMessageClass(channel) {
     if (identifierType > 1) {
         report(MESSAGE_OWNER, IDENTIFIER_TYPE_INVALID, 2);
         return;
@@ -178,7 +175,7 @@ CANReceiveMessageClass::CANReceiveMessageClass(uint8_t identifierType, uint32_t 
     }
     const uint8_t sourceByte = static_cast<uint8_t>(identifierBits);
     if (sourceByte == GLOBAL_ADDRESS ||
-        (sourceByte == NULL_ADDRESS && !isNullSourceAllowed(identifierBits, this->data, length))) {
+        (sourceByte == NULL_ADDRESS && !isNullSourceAllowed(identifierBits, this->data))) {
         report(MESSAGE_OWNER, SOURCE_ADDRESS_INVALID, 1);
         return;
     }
@@ -211,9 +208,7 @@ bool CANReceiveMessageClass::getData(uint8_t* buffer, uint32_t offset, uint32_t 
 void CANReceiveMessageClass::updateControlFunctions() {
     source = nullptr;
     destination = nullptr;
-    if (!identifier.isExtended()) {
-        return;
-    }
+    // No test of the identifier type: a standard frame takes its low byte as a source too.
     source = tableEntry(channel, identifier.getSourceAddressByte());
     if (identifier.isPDU1()) {
         destination = tableEntry(channel, identifier.getPDUSpecific());
@@ -227,7 +222,7 @@ void CANTransmitMessageClass::fail(uint32_t code, const char* text, uint8_t seve
     report(MESSAGE_OWNER, text, severity);
 }
 
-CANTransmitMessageClass::CANTransmitMessageClass() : CANMessageClass(0, NoCheck{}) {}
+CANTransmitMessageClass::CANTransmitMessageClass() : CANMessageClass(0) {}
 
 CANTransmitMessageClass::CANTransmitMessageClass(uint32_t parameterGroupNumber, const uint8_t* data,
                                                  uint8_t length, uint8_t priority,
@@ -235,7 +230,7 @@ CANTransmitMessageClass::CANTransmitMessageClass(uint32_t parameterGroupNumber, 
                                                  ControlFunctionClass* destination,
                                                  uint8_t destinationAddress,
                                                  CANCallbackFunction callback, bool immediate)
-    : CANMessageClass(channelOf(source, destination), NoCheck{}),
+    : CANMessageClass(channelOf(source, destination)),
       completionCallback(callback),
       immediate(immediate ? 1 : 0) {
     this->source = source;
@@ -296,9 +291,7 @@ CANTransmitMessageClass::CANTransmitMessageClass(uint8_t identifierType, uint32_
                                                  const uint8_t* data, uint8_t length,
                                                  uint8_t priority, uint8_t channel,
                                                  CANCallbackFunction callback, bool immediate)
-    : CANMessageClass(channel, NoCheck{}),
-      completionCallback(callback),
-      immediate(immediate ? 1 : 0) {
+    : CANMessageClass(channel), completionCallback(callback), immediate(immediate ? 1 : 0) {
     if (data == nullptr) {
         fail(TRANSMIT_STATUS_DATA_POINTER_NULL, DATA_POINTER_NULL, 2);
         return;
@@ -376,7 +369,7 @@ bool CANTransmitMessageClass::prepareIdentifierForTransmit() {
     const uint8_t s = getSourceAddress();
     const uint8_t d = getDestinationAddress();
     const uint32_t word = identifier.getWord();
-    if (s > 253 && (s != NULL_ADDRESS || !isNullSourceAllowed(word, data, dataLength))) {
+    if (s > 253 && (s != NULL_ADDRESS || !isNullSourceAllowed(word, data))) {
         return false;
     }
     if (d == NULL_ADDRESS) {
@@ -396,7 +389,7 @@ CANLongMessageClass::CANLongMessageClass(uint32_t parameterGroupNumber, uint32_t
                                          uint8_t* dataPointer, uint32_t length,
                                          ControlFunctionClass* source,
                                          ControlFunctionClass* destination, const char* originator)
-    : CANMessageClass(channelOf(source, destination), NoCheck{}),
+    : CANMessageClass(channelOf(source, destination)),
       dataPointer(dataPointer),
       originator(originator),
       dataLength(length),

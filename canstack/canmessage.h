@@ -60,15 +60,14 @@ public:
     bool getDataBits(uint32_t bitOffset, uint32_t bitCount, uint64_t& value) const;
 
 protected:
+    // Reports a channel above 2; the message stays usable and the caller tests it.
     explicit CANMessageClass(uint8_t channel);
-    struct NoCheck {};
-    CANMessageClass(uint8_t channel, NoCheck);
     CANMessageClass(const CANMessageClass&) = default;
     CANMessageClass& operator=(const CANMessageClass&) = default;
 
     bool readDataBytes(uint32_t bitOffset, uint32_t bitCount, uint8_t* buffer) const;
     // Only address claims and requests for address claim may come from the null address.
-    static bool isNullSourceAllowed(uint32_t word, const uint8_t* data, uint32_t length);
+    static bool isNullSourceAllowed(uint32_t word, const uint8_t (&data)[8]);
 
     ControlFunctionClass* destination = nullptr;
     ControlFunctionClass* source = nullptr;

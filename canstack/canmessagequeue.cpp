@@ -57,7 +57,8 @@ bool CANMessageQueueClass::freeReceivedCANMessage(CAN_MESSAGE_QUEUE_STRUCT* entr
             MESSAGE_OWNER, "Invalid CAN Message FreeReceivedCANMessage", 2);
         return false;
     }
-    entry->queueHandle = FREE_HANDLE;
+    // Back to the free values: a later short frame must not read this one's bytes.
+    *entry = CAN_MESSAGE_QUEUE_STRUCT();
     if (currentCount > 0) {
         --currentCount;
     }

@@ -206,7 +206,8 @@ TEST_F(CanStackClaimed, RequestForAddressClaimAndForeignUseOfOurAddressAreAnswer
     bus.run(10);
     EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 2);
     bus.receive(0, 0x18EAFF33u, {0x00, 0xEE});  // too short
-    EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in PGN Request"), 1u);
+    bus.receive(0, 0x18EAFFFEu, {0x00, 0xEE});  // too short too, and valid from the null address
+    EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in PGN Request"), 2u);
 
     // A frame from our own address: another device uses it.
     bus.receive(0, 0x18FEF180u, {1, 2, 3});

@@ -70,11 +70,13 @@ TEST(CanStackReceiveMessage, ValidationRunsInOrderAndStopsAtTheFirstFailure) {
         {1, 0x18EAFE01u, request, 3, 0, "Destination Address Invalid"},
         {1, 0x18EEFFFEu, eight, 8, 0, nullptr},
         {1, 0x18EAFFFEu, request, 3, 0, nullptr},
-        {1, 0x18FEFE01u, eight, 8, 0, nullptr},  // PDU 2: byte 254 is a group extension
+        {1, 0x18EAFFFEu, request, 2, 0, nullptr},  // compared with its zero-filled third byte
+        {1, 0x18FEFE01u, eight, 8, 0, nullptr},    // PDU 2: byte 254 is a group extension
         {0, 0x7FFu, eight, 1, 2, nullptr},
     };
     for (const Case& c : cases) {
         const uint32_t all = descriptionCount(RECEIVE, nullptr);
+        const uint32_t base = descriptionCount("CAN Message", "CAN Channel Invalid");
         const uint32_t own = c.message != nullptr ? descriptionCount(RECEIVE, c.message) : 0;
         CANReceiveMessageClass message(c.type, c.identifier, c.data, c.length, c.channel);
         EXPECT_EQ(message.isValid(), c.message == nullptr) << std::hex << c.identifier;
@@ -84,6 +86,9 @@ TEST(CanStackReceiveMessage, ValidationRunsInOrderAndStopsAtTheFirstFailure) {
         if (c.message != nullptr) {
             EXPECT_EQ(descriptionCount(RECEIVE, c.message) - own, 1u) << c.message;
         }
+        // The base constructor checks the channel on its own, first.
+        EXPECT_EQ(descriptionCount("CAN Message", "CAN Channel Invalid") - base,
+                  c.channel > 2 ? 1u : 0u);
         NetworkManagementStatisticsClass::updateDescriptionMessages();
     }
 }
@@ -102,6 +107,12 @@ TEST_F(CanStackMessageOnBus, ClaimFromNullAddressHasNoSourceAndPDU2IgnoresDestin
     CANReceiveMessageClass specific(1, 0x18EF3001u, data, 2, 0);
     EXPECT_EQ(specific.getDestinationControlFunction(), device);
     EXPECT_EQ(specific.getDestinationAddress(), 0x30);
+    // A standard frame gets no source when built, but takes its low byte as one when updated.
+    CANReceiveMessageClass standard(0, 0x130u, data, 2, 0);
+    EXPECT_EQ(standard.getSourceControlFunction(), nullptr);
+    standard.updateControlFunctions();
+    EXPECT_EQ(standard.getSourceControlFunction(), device);
+    EXPECT_EQ(standard.getSourceAddress(), 255);
     CANReceiveMessageClass broadcast(1, 0x18FF3130u, data, 2, 0);
     EXPECT_EQ(broadcast.getSourceControlFunction(), device);
     EXPECT_EQ(broadcast.getDestinationAddress(), 255);
@@ -274,6 +285,15 @@ TEST(CanStackMessageQueue, OldestFirstPerHandle) {
     EXPECT_EQ(entry->data[0], 2);
     queue().freeReceivedCANMessage(entry);
     EXPECT_EQ(queue().getNextReceivedCANMessage(mine), nullptr);
+    // A freed entry keeps nothing: a short frame placed in it reads zeros past its own bytes.
+    const uint8_t full[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+    queue().addCANMessage(CANReceiveMessageClass(1, 0x18FEF101u, full, 8, 0), mine);
+    queue().freeReceivedCANMessage(queue().getNextReceivedCANMessage(mine));
+    queue().addCANMessage(CANReceiveMessageClass(1, 0x18FEF101u, bytes, 1, 0), mine);
+    entry = queue().getNextReceivedCANMessage(mine);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(std::vector<uint8_t>(entry->data, entry->data + 8),
+              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(queue().getNextReceivedCANMessage(0xFFFFFFFFu), nullptr);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid Queue Handle GetNextReceivedCANMessage"), 1u);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid CAN Message FreeReceivedCANMessage"), 1u);
