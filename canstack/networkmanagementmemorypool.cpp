@@ -37,25 +37,25 @@ uint32_t NetworkManagementMemoryPoolClass::takeFreeBlock(uint8_t referenceCount)
 bool NetworkManagementMemoryPoolClass::acquireBuffer(uint32_t size, uint32_t& handle) {
     handle = NONE;
     const uint32_t needed = ((size - 1u) / SIZE) + 1u;  // size 0 wraps to a huge count
-    uint32_t free = 0;
-    for (uint32_t i = 0; i < BLOCKS; ++i) {
-        if (blocks[i].referenceCount == 0) {
-            ++free;
-        }
-    }
-    if (needed == 0 || needed > free) {
-        return false;
-    }
+    uint32_t first = NONE;
     uint32_t previous = NONE;
     for (uint32_t n = 0; n < needed; ++n) {
+        // Block by block, so that the peak also counts an acquire that fails half-way.
         const uint32_t block = takeFreeBlock(1);
+        if (block == NONE) {
+            if (first != NONE) {
+                releaseBuffer(first);
+            }
+            return false;
+        }
         if (previous == NONE) {
-            handle = block;
+            first = block;
         } else {
             blocks[previous].next = block;
         }
         previous = block;
     }
+    handle = first;
     return true;
 }
 

@@ -114,6 +114,9 @@ TEST(CanStackMemoryPool, AcquireBySizeRetainAndRelease) {
     uint32_t second = 0;
     EXPECT_FALSE(pool().acquireBuffer(0, handle));  // the block count wraps
     EXPECT_EQ(handle, Pool::INVALID_HANDLE);
+    // Blocks are taken one by one and given back: the peak saw them all.
+    EXPECT_EQ(pool().getUsedBlockCount(), 0u);
+    EXPECT_EQ(pool().getPeakBlockCount(), 50u);
     EXPECT_FALSE(pool().acquireBuffer(5001, handle));
     EXPECT_EQ(pool().getUsedBlockCount(), 0u);
     ASSERT_TRUE(pool().acquireBuffer(1785, handle));
