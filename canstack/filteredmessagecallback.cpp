@@ -479,7 +479,8 @@ bool FilteredMessageMatchingCallbackClass::setSourceAddress(uint8_t address) {
 
 bool FilteredMessageMatchingCallbackClass::clearDataBits(uint32_t bitOffset, uint32_t bitCount) {
     FILTER_RECORD_STRUCT* r = selected();
-    if (r == nullptr || bitCount > 32 || bitOffset + bitCount > 64) {
+    // Subtracted, not added: an offset near the top must not wrap past the 8-byte mask.
+    if (r == nullptr || bitCount > 32 || bitOffset > 64 - bitCount) {
         return false;
     }
     Utilities::setBits(r->dataMask, bitOffset, bitCount, 0);
@@ -490,7 +491,7 @@ bool FilteredMessageMatchingCallbackClass::clearDataBits(uint32_t bitOffset, uin
 bool FilteredMessageMatchingCallbackClass::setDataBits(uint32_t bitOffset, uint32_t bitCount,
                                                        uint32_t value) {
     FILTER_RECORD_STRUCT* r = selected();
-    if (r == nullptr || bitCount > 32 || bitOffset + bitCount > 64) {
+    if (r == nullptr || bitCount > 32 || bitOffset > 64 - bitCount) {
         return false;
     }
     uint32_t existing = 0;

@@ -180,6 +180,8 @@ TEST(CanStackNetworkManagement, FilterFieldsAndSetterRules) {
     EXPECT_TRUE(filter.setDataBits(8, 12, 0xABC));
     EXPECT_FALSE(filter.setDataBits(16, 4, 0));  // overlaps
     EXPECT_FALSE(filter.setDataBits(60, 8, 0));
+    EXPECT_FALSE(filter.setDataBits(0xFFFFFFF8u, 16, 0));  // offset plus count wraps
+    EXPECT_FALSE(filter.clearDataBits(0xFFFFFFF0u, 32));
     EXPECT_FALSE(filter.setParameterGroupNumber(0xEF01));
     EXPECT_FALSE(filter.setParameterGroupNumber(0x40000));
     EXPECT_TRUE(filter.setPriority(6));
