@@ -181,17 +181,16 @@ TransportProtocolSession* TransportProtocolClass::takeSession(ControlFunctionCla
 void TransportProtocolClass::releaseSession(TransportProtocolSession& session, bool failed) {
     const bool started = session.state >= SESSION_STATE_SEND_CLEAR_TO_SEND &&
                          session.state <= SESSION_STATE_WAIT_FOR_END_OF_MESSAGE;
-    const CANCallbackFunction callback = started ? session.callback : nullptr;
-    const uint32_t handle = session.messageHandle;
+    // Told while the session still stands: a new transfer to the same peer from inside the
+    // callback is refused as one already in session.
+    if (started && session.callback != nullptr) {
+        CANCallbackClass result(session.messageHandle, !failed);
+        session.callback(&result);
+    }
     if (session.poolHandle != NO_HANDLE) {
         Pool::NETWORK_MANAGEMENT_MEMORY_POOL.releaseBuffer(session.poolHandle);
     }
     session = TransportProtocolSession();
-    // Told after the slot is free, so that the callback may start the next transfer at once.
-    if (callback != nullptr) {
-        CANCallbackClass result(handle, !failed);
-        callback(&result);
-    }
 }
 
 bool TransportProtocolClass::getSessionStatus(const ControlFunctionClass* source,

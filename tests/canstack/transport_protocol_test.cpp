@@ -55,11 +55,19 @@ std::vector<uint8_t> abortFrame(uint8_t reason, uint32_t pgn = PGN) {
     return cm(ABORT, reason, 0xFF, 0xFF, pgn);
 }
 
+uint32_t usedBlocks() {
+    return NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL.getUsedBlockCount();
+}
+
 // Long messages delivered, and the results of transfers sent from here.
 Frames delivered;
 Results completions;
 std::vector<uint8_t> fragmentSource;
 uint32_t fragmentRequests = 0;
+// When set, each completion tries a new transfer to the peer from inside the callback, and
+// records its result and the pool blocks still held at that moment.
+InternalControlFunctionClass* resendFrom = nullptr;
+std::vector<uint32_t> resendSeen;
 
 void recordLongMessage(CANMessageClass* message, ReceiveCANMessageCallbackClass*) {
     std::vector<uint8_t> data(message->getDataLength());
@@ -72,16 +80,18 @@ void recordLongMessage(CANMessageClass* message, ReceiveCANMessageCallbackClass*
 void transferCallback(CANCallbackClass* callback) {
     if (callback->getCallbackType() != 2) {
         completions.emplace_back(callback->getHandle(), callback->isSuccess());
+        if (resendFrom != nullptr) {
+            static const uint8_t nine[9] = {};
+            resendSeen.push_back(NetworkManagementClass::sendParameterGroupNumber(
+                PGN, nine, 9, resendFrom, NetworkManagementClass::getControlFunction(0, PEER), 7));
+            resendSeen.push_back(usedBlocks());
+        }
         return;
     }
     auto* fragment = static_cast<CANFragmentCallbackClass*>(callback);
     ++fragmentRequests;
     const uint32_t left = static_cast<uint32_t>(fragmentSource.size()) - fragment->getOffset();
     fragment->setFragmentData(fragmentSource.data() + fragment->getOffset(), std::min(9u, left));
-}
-
-uint32_t usedBlocks() {
-    return NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL.getUsedBlockCount();
 }
 
 class TransportTest : public ProtocolTest {
@@ -346,6 +356,7 @@ TEST_P(TransportSendTest, PeerGetsEveryByteInOrderAndTheEomCompletes) {
     const std::vector<uint8_t> message = pattern(c.size, 9);
     const uint32_t total = packetsFor(c.size);
     fragmentSource = message;
+    resendFrom = &self;
     ASSERT_EQ(send(c.withData ? &message : nullptr, c.size, PEER, c.persistent), 0u);
     std::vector<uint8_t> bytes;
     uint32_t granted = 0;
@@ -379,6 +390,9 @@ TEST_P(TransportSendTest, PeerGetsEveryByteInOrderAndTheEomCompletes) {
     EXPECT_EQ(completions, (Results{{handle, true}}));
     EXPECT_EQ(usedBlocks(), 0u);
     EXPECT_EQ(fragmentRequests, c.fragmentRequests);
+    // Told before the release: the session still stands, with its page in the pool.
+    const uint32_t blocks = c.persistent ? 0 : (std::min<uint32_t>(c.size, 1785) - 1) / 100 + 1;
+    EXPECT_EQ(resendSeen, (std::vector<uint32_t>{15, blocks}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
