@@ -41,6 +41,7 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
         {kGeneric, M, 0xF004, {X, X, X, X, 0x10, X}, {{"rpm", 543.875}}},  // low byte 0xFF
         {kGeneric, M, 0xF004, {X, X, 125, X, X, X}, {{"percentLoadOfTotalTorque", 0.0}}},
         {kGeneric, M, 0xF004, {X, X, 0}, {{"percentLoadOfTotalTorque", 4294967171.0}}},  // wraps
+        {kGeneric, M, 0xF004, {X, X, 125, 0}, {{"percentLoadOfTotalTorque", 0.0}}},  // rpm cut off
         {kGeneric, M, 0xFEF2, {0x10, 0, X, X}, {{"fuelConsumptionRate", 0.8}}},
         {kGeneric, M, 0xFEEE, {0xFE, X, X, X}, {{"coolantTemperature", 214.0}}},
         {kGeneric, M, 0xFEEE, {39, X, X, X}, {{"coolantTemperature", 4294967295.0}}},
@@ -50,6 +51,7 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
         {kGeneric, M, 0xFEF8, {X, X, X, X, 0x21, 0x26}, {{"transmissionOilTemperature", 32.03125}}},
         {kGeneric, M, 0xFE56, {200}, {{"defLevel", 80.0}}}, {kGeneric, M, 0xFEE5, {X, X, X, 0}, {}},
         {kGeneric, M, 0xFEE5, {0x10, 0, 0, 0x55}, {{"hours", 0.8}}},  // top byte not read
+        {kGeneric, M, 0xFEE5, {0x10}, {}},  // a field cut off by a short frame
         {kGeneric, M, 0xFEFC, {X, 100}, {{"fuelLevel", 40.0}}}, {kGeneric, M, 0xFEFC, {0, X}, {}},
         {kClass3, M, 0xFF12, {0, 0, 0x34, 0x12, X, 0}, {{"hours", 4660.0}}},
         {kClass3, M, 0xFF12, {0, 0, X, X, 146, 0}, {{"fuelLevel", 100.0}}},

@@ -31,9 +31,12 @@ TEST(PgnMessage, GetValueReadsLittleEndianAndTellsAvailability) {
         {{0xFF, 0xFE}, 0, 2, 0xFEFF, true}, {{0xFF, 0xFF}, 0, 2, 0xFFFF, false},
         {{0xFF, 0xFF, 0xFF, 0xFF}, 0, 4, 0xFFFFFFFF, false}, {{0x00}, 0, 1, 0, true},
         {counting, 0, 0, 0, false}, {counting, 0, -3, 0, false},
-        {{0x10}, 0, 2, 0xFF10, true},  // a byte past the payload reads as 0xFF
+        // a field not wholly inside the payload is not available
+        {{0x10}, 0, 2, 0xFFFF, false}, {{0x10}, 0, 3, 0xFFFFFF, false},
+        {{1, 2, 3, 4}, 3, 2, 0xFFFF, false}, {{1, 2, 3, 4}, 0, 6, 0x04030201, true},
         {{0x10}, 4, 2, 0xFFFF, false}, {{0x10}, -1, 1, 0xFF, false},
-        {counting, INT_MAX, 4, 0xFFFFFFFF, false}, {{}, 0, 1, 0xFF, false},
+        {{0x10}, -1, 2, 0xFFFF, false}, {counting, INT_MAX, 4, 0xFFFFFFFF, false},
+        {counting, INT_MIN, 4, 0xFFFFFFFF, false}, {{}, 0, 1, 0xFF, false},
         // clang-format on
     };
     for (const auto& row : rows) {
