@@ -48,8 +48,8 @@ std::vector<std::string> splitIdentificationText(const std::string& text) {
 void AgcoModelDetector::onStart(std::shared_ptr<CanPropertySourceStateMachine> machine,
                                 std::shared_ptr<CanInterface> can) {
     m_can = std::move(can);
-    m_machine = std::move(machine);
-    m_properties = m_machine->properties();
+    m_properties = machine->properties();
+    m_machine = machine;
     m_can->addPgnFilter(kIdentificationGroup,
                         [this](const PgnMessage& message) { detectModel(message); });
     m_can->setPeriodicCallback([this] { update(); }, kRequestIntervalUs);
@@ -72,8 +72,9 @@ void AgcoModelDetector::detectModel(const PgnMessage& message) {
     LOG4CPLUS_INFO(stateMachineLogger,
                    "0x" << std::hex << message.pgn << " contains \"" << text << "\"");
 
+    const auto machine = m_machine.lock();
     const std::vector<std::string> fields = splitIdentificationText(text);
-    if (fields.size() < kMinimumFields || fields[kModelField].size() < 2 ||
+    if (!machine || fields.size() < kMinimumFields || fields[kModelField].size() < 2 ||
         fields[kLetterField].empty()) {
         return;  // the next request asks again
     }
@@ -84,15 +85,15 @@ void AgcoModelDetector::detectModel(const PgnMessage& message) {
 
     for (const char* code : k900SeriesCodes) {
         if (modelCode == code) {
-            m_machine->switchState<Agco900SeriesCanPropertyReader>();
+            machine->switchState<Agco900SeriesCanPropertyReader>();
             return;
         }
     }
     if (letterIn(letter, kCReaderLetters)) {
-        m_machine->switchState<AgcoCCanPropertyReader>();
+        machine->switchState<AgcoCCanPropertyReader>();
     } else if (letterIn(letter, kBReaderLetters)) {
-        m_machine->switchState<AgcoBCanPropertyReader>();
+        machine->switchState<AgcoBCanPropertyReader>();
     } else {
-        m_machine->switchState<GenericCanPropertyReader>();
+        machine->switchState<GenericCanPropertyReader>();
     }
 }

@@ -40,8 +40,8 @@ const StandardGroup kStandardGroups[] = {
 void BaseCanPropertyReader::storeReferences(std::shared_ptr<CanPropertySourceStateMachine> machine,
                                             std::shared_ptr<CanInterface> can) {
     m_can = std::move(can);
-    m_machine = std::move(machine);
-    m_properties = m_machine->properties();
+    m_properties = machine->properties();
+    m_machine = machine;
 }
 
 void BaseCanPropertyReader::onStart(std::shared_ptr<CanPropertySourceStateMachine> machine,

@@ -55,13 +55,10 @@ void CanPropertySourceStateMachine::onStart(std::shared_ptr<CanInterface> can) {
 }
 
 void CanPropertySourceStateMachine::onStop() {
-    // The states hold the machine, and the machine holds the states. Once the CAN thread
-    // has stopped nothing calls them again, so the states are let go here to end the cycle.
-    const auto self = weak_from_this().lock();
-    std::vector<std::shared_ptr<CanPropertySourceState_i>> states;
-    states.swap(m_states);
-    if (m_currentState >= 0 && static_cast<std::size_t>(m_currentState) < states.size()) {
-        states[static_cast<std::size_t>(m_currentState)]->onStop();
+    // The states stay: they hold the machine only weakly, so there is no cycle to break, and
+    // a later onStart finds all thirteen again.
+    if (m_currentState >= 0) {
+        m_states[static_cast<std::size_t>(m_currentState)]->onStop();
     }
     m_can.reset();
 }

@@ -61,8 +61,8 @@ const CaseModelEntry* findCaseModel(std::uint8_t number) {
 void CaseModelDetector::onStart(std::shared_ptr<CanPropertySourceStateMachine> machine,
                                 std::shared_ptr<CanInterface> can) {
     m_can = std::move(can);
-    m_machine = std::move(machine);
-    m_properties = m_machine->properties();
+    m_properties = machine->properties();
+    m_machine = machine;
     m_can->addPgnFilter(kModelGroup, [this](const PgnMessage& message) { detectModel(message); });
     m_can->addPgnFilter(kVinGroup,
                         [this](const PgnMessage& message) { detectModelFromVIN(message); });
@@ -83,7 +83,11 @@ void CaseModelDetector::requestVIN() {
 void CaseModelDetector::detectModelFromVIN(const PgnMessage&) {
     // Only the arrival counts; the content is not looked at.
     LOG4CPLUS_INFO(stateMachineLogger, "Detecting Case model from VIN");
-    m_machine->switchState<CaseCT56PropertyReader>();
+    const auto machine = m_machine.lock();
+    if (!machine) {
+        return;
+    }
+    machine->switchState<CaseCT56PropertyReader>();
     // Compares the property's key, which never equals these texts, so the model is always
     // "CT-56"; that is the wanted result.
     const std::string& manufacturer = m_properties->manufacturer.name;
@@ -101,23 +105,27 @@ void CaseModelDetector::detectModel(const PgnMessage& message) {
                                            << std::hex << static_cast<unsigned>(number)
                                            << " from 0x" << message.pgn << std::dec << " message");
     const CaseModelEntry* entry = findCaseModel(number);
+    const auto machine = m_machine.lock();
+    if (!machine) {
+        return;
+    }
     if (entry == nullptr) {
-        m_machine->switchState<BaseCanPropertyReader>();
+        machine->switchState<BaseCanPropertyReader>();
         return;
     }
     // The reader starts first; the model sample follows.
     switch (entry->reader) {
         case CaseModelReader::Class3:
-            m_machine->switchState<CasePatriotClass3PropertyReader>();
+            machine->switchState<CasePatriotClass3PropertyReader>();
             break;
         case CaseModelReader::Class4:
-            m_machine->switchState<CasePatriotClass4PropertyReader>();
+            machine->switchState<CasePatriotClass4PropertyReader>();
             break;
         case CaseModelReader::Trident:
-            m_machine->switchState<CaseTrident5550CanPropertyReader>();
+            machine->switchState<CaseTrident5550CanPropertyReader>();
             break;
         case CaseModelReader::Base:
-            m_machine->switchState<BaseCanPropertyReader>();
+            machine->switchState<BaseCanPropertyReader>();
             break;
     }
     m_properties->model.set(entry->model);

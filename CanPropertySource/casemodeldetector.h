@@ -34,6 +34,7 @@ public:
 
 private:
     std::shared_ptr<CanInterface> m_can;
-    std::shared_ptr<CanPropertySourceStateMachine> m_machine;
+    // Weak: the machine owns the states, and a strong pointer back would keep both alive.
+    std::weak_ptr<CanPropertySourceStateMachine> m_machine;
     std::shared_ptr<Properties> m_properties;
 };

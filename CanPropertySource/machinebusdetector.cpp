@@ -33,5 +33,7 @@ void MachineBusDetector::setDefaultBus(Bus bus) {
     LOG4CPLUS_INFO(stateMachineLogger, "Setting default CAN bus to: " << busName(bus));
     m_can->setDefaultBus(bus);
     // Stops this state, destroying the filter whose callback is running: nothing after this.
-    m_machine->switchState<ManufacturerDetector>();
+    if (const auto machine = m_machine.lock()) {
+        machine->switchState<ManufacturerDetector>();
+    }
 }

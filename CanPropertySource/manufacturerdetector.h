@@ -6,6 +6,7 @@
 #include "CanPropertySource/canpropertysourcestate_i.h"
 
 class PgnMessage;
+class Properties;
 
 // The user's own selection of manufacturer and model; this process only reads it.
 extern const char* const kUserMachineFilePath;
@@ -27,10 +28,11 @@ public:
 
 private:
     std::string readUserMachineKey(const std::string& key) const;
-    void writeDetectedMachineFile();
+    void writeDetectedMachineFile(Properties& properties);
 
     std::shared_ptr<CanInterface> m_can;
-    std::shared_ptr<CanPropertySourceStateMachine> m_machine;
+    // Weak: the machine owns the states, and a strong pointer back would keep both alive.
+    std::weak_ptr<CanPropertySourceStateMachine> m_machine;
     std::string m_userMachineFilePath;
     std::string m_detectedMachineFilePath;
 };

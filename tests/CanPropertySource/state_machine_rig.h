@@ -125,7 +125,9 @@ struct StateMachineRig {
             std::make_shared<CanPropertySourceStateMachine>(properties, userFile, detectedFile);
     }
     ~StateMachineRig() {
-        machine->onStop();  // lets the states go, and with them the machine
+        if (machine) {
+            machine->onStop();  // as the service does when its thread ends
+        }
         EXPECT_EQ(can->misuses, 0) << "a filter was touched while no bus was chosen";
         boost::system::error_code ignored;
         boost::filesystem::remove_all(dir, ignored);

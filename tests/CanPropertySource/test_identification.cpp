@@ -1,4 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -6,6 +10,30 @@
 #include "CanPropertySource/state_machine_rig.h"
 
 namespace {
+
+namespace fs = boost::filesystem;
+
+// Makes a file unwritable, for root too where the file system allows an immutable flag.
+// Returns false when neither works here.
+bool setUnwritable(const fs::path& file, bool unwritable) {
+    const fs::perms mode = unwritable ? fs::owner_read : fs::owner_read | fs::owner_write;
+    if (unwritable) {
+        fs::permissions(file, mode);  // an immutable file takes no new mode
+    }
+    const int fd = ::open(file.c_str(), O_RDONLY);
+    int flags = 0;
+    if (fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0) {
+        flags = unwritable ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (!unwritable) {
+        fs::permissions(file, mode);
+    }
+    return (::access(file.c_str(), W_OK) != 0) == unwritable;
+}
 
 const char* const kCaseModel = "CaseModelDetector";
 const char* const kAgcoModel = "AgcoModelDetector";
@@ -33,6 +61,21 @@ TEST(StateMachine, SwitchesOnlyToListedStatesAndStopsCleanly) {
     EXPECT_EQ(rig.can->filters.size(), 4u);
     rig.machine->onStop();
     EXPECT_TRUE(rig.can->filters.empty());
+    // Started again, it finds all its states and begins anew.
+    rig.start();
+    EXPECT_EQ(rig.current(), "MachineBusDetector");
+    EXPECT_EQ(rig.can->filters.size(), 4u);
+}
+
+TEST(StateMachine, StatesKeepNoOwnerCycleSoTheLastOwnerFreesAll) {
+    StateMachineRig rig;
+    rig.identify(213);
+    const std::weak_ptr<CanPropertySourceStateMachine> machine = rig.machine;
+    const std::weak_ptr<CanPropertySourceState_i> detector = rig.machine->states().at(1);
+    rig.machine->onStop();
+    rig.machine.reset();
+    EXPECT_TRUE(machine.expired());
+    EXPECT_TRUE(detector.expired());
 }
 
 TEST(MachineBusDetector, ListensOnBothMachineBusesUntilTheFirstEngineFrame) {
@@ -160,18 +203,42 @@ TEST(ManufacturerDetector, UserSelectionIsTextAndCountsOnlyUntilFlushed) {
     rig.properties->userSelected_manufacturer.swapBuffers();
     rig.can->deliver(kBus0, 0xF004, kZeros);
     EXPECT_EQ(rig.current(), kGeneric);
+
+    // Brackets in a text are no nesting, however many; an escaped quote ends no text. Nesting
+    // itself is read up to 64 levels deep.
+    const std::string text = "\"" + std::string(100, '[');
+    StateMachineRig brackets("{\"model\": \"\\" + text + "\", \"x\": " + std::string(63, '[') +
+                             std::string(63, ']') + "}");
+    brackets.toManufacturerDetector();
+    EXPECT_EQ(brackets.values(brackets.properties->userSelected_model),
+              std::vector<std::string>{text});
 }
 
 TEST(ManufacturerDetector, BadUserFileIsLoggedForBothKeysAndIgnored) {
-    for (const char* content : {"", "{\"manufacturer\": ", "[1, 2"}) {
-        StateMachineRig rig(content);
+    const struct {
+        std::string content;
+        std::string details;  // after the path; empty: not compared
+    } rows[] = {
+        {"", ""},
+        {"{\"manufacturer\": ", ""},
+        {"[1, 2", ""},
+        // Nesting that would exhaust the stack, in a file small enough to be read.
+        {std::string(60000, '['), ": nested deeper than 64 levels"},
+        {"{\"manufacturer\": \"CaseIH\", \"x\": \"" + std::string(65536, 'x') + "\"}",
+         ": file larger than 65536 bytes"},
+    };
+    for (const auto& row : rows) {
+        StateMachineRig rig(row.content);
         rig.toManufacturerDetector();
         const std::string line = "ERROR Error reading " + rig.userFile +
                                  "cannot find user selected manufacturer. Details: ";
         const auto lines = rig.log.lines();
         ASSERT_GE(lines.size(), 6u);
         for (int i : {4, 5}) {  // after the two transitions and the bus choice
-            EXPECT_TRUE(logtest::startsWith(lines[i], line)) << content;
+            EXPECT_TRUE(logtest::startsWith(lines[i], line)) << row.content.substr(0, 20);
+            if (!row.details.empty()) {
+                EXPECT_EQ(lines[i], line + rig.userFile + row.details);
+            }
         }
         EXPECT_TRUE(rig.properties->userSelected_manufacturer.unflushedSamples().empty());
         EXPECT_EQ(rig.current(), "ManufacturerDetector");
@@ -185,6 +252,36 @@ TEST(ManufacturerDetector, UnwritableFileIsLoggedAfterTheTransition) {
     EXPECT_EQ(rig.current(), kCaseModel);
     EXPECT_TRUE(logtest::startsWith(rig.log.lines().back(),
                                     "ERROR Error writing to detected machine file: "));
+}
+
+TEST(ManufacturerDetector, LinkedFileIsReplacedWhereItPointsKeepingItsMode) {
+    StateMachineRig rig;
+    const fs::path target = rig.dir / "data" / "detectedMachine.json";
+    fs::create_directories(target.parent_path());
+    std::ofstream(target.string()) << "old";
+    fs::permissions(target, fs::owner_read | fs::owner_write | fs::group_read);
+    fs::create_directories(fs::path(rig.detectedFile).parent_path());
+    fs::create_symlink("../data/detectedMachine.json", rig.detectedFile);
+    rig.start();
+    rig.can->deliver(kBus0, 0xF004, kZeros);  // the address is never claimed: each frame writes
+    rig.can->deliver(kBus0, 0xF004, kZeros);
+    const std::string written = "{\n    \"detectedManufacturer\": \"\"\n}\n";
+    EXPECT_TRUE(fs::is_symlink(rig.detectedFile));
+    EXPECT_EQ(rig.detectedFileText(), written);
+    EXPECT_EQ(fs::status(target).permissions(), fs::owner_read | fs::owner_write | fs::group_read);
+
+    // A target that could not be written in place is not replaced either.
+    if (!setUnwritable(target, true)) {
+        GTEST_SKIP() << "cannot make a file unwritable here";
+    }
+    rig.log.clear();
+    rig.properties->manufacturer.set("CaseIH");
+    rig.can->deliver(kBus0, 0xF004, kZeros);
+    EXPECT_TRUE(setUnwritable(target, false));
+    EXPECT_EQ(rig.log.lines(),
+              std::vector<std::string>{"ERROR Error writing to detected machine file: " +
+                                       rig.detectedFile + ": cannot open file"});
+    EXPECT_EQ(rig.detectedFileText(), written);
 }
 
 }  // namespace
