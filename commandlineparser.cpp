@@ -87,7 +87,6 @@ po::options_description optionDescription() {
         "version,v", "Print version informating and exit.")(
         "appender,a",
         po::value<std::vector<Appender>>()
-            ->composing()
             ->default_value({Appender::FileAppender, Appender::ConsoleAppender}, "file console")
             ->value_name(choices(kAppenders)),
         "Specify multipe times, e.g. \"-a file -a console\". The appenders to use when "
