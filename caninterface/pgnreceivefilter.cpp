@@ -15,8 +15,8 @@ int PgnMessageImplementation::manufacturerCode() const {
 PgnReceiveFilter::PgnReceiveFilter(std::uint32_t pgn, CanInterface::PgnCallback callback,
                                    std::uint8_t channel)
     : callback(std::move(callback)) {
-    addFilterRecord();
-    // A record without a group would match every frame: a refused group registers nothing.
+    // The base starts with one empty record, which would match every frame: a refused group
+    // registers nothing.
     if (!setParameterGroupNumber(pgn)) {
         return;
     }
