@@ -364,4 +364,206 @@ TEST(CanService, APeriodicCallbackInstalledFromAFilterRunsInThatSamePass) {
                                                  "clear again false", "set after clear true"}));
 }
 
+// Every refusal of the contract, run on the CAN main thread.
+TEST(CanService, FiltersAndQueriesFollowTheContract) {
+    ServiceRig rig;
+    std::vector<std::string> delivered;
+    const auto deliverTo = [&](const char* name) {
+        return [&delivered, name](const PgnMessage& message) {
+            delivered.push_back(std::string(name) + " " + std::to_string(message.data.size()));
+        };
+    };
+    std::vector<std::string> results;
+    const auto note = [&](const char* what, bool value) {
+        results.push_back(std::string(what) + (value ? " true" : " false"));
+    };
+    std::string errorOutput;
+    rig.onCanThread([&](CanInterface& can) {
+        note("default bus is none", can.defaultBus() == Bus::NONE);
+        note("add", can.addPgnFilter(0xFF10, deliverTo("first"), Bus::MACHINE_250K));
+        note("add twice", can.addPgnFilter(0xFF10, deliverTo("second"), Bus::MACHINE_250K));
+        note("add other bus", can.addPgnFilter(0xFF10, deliverTo("other"), Bus::MACHINE_500K));
+        note("remove other bus", can.removePgnFilter(0xFF10, Bus::MACHINE_500K));
+        note("remove again", can.removePgnFilter(0xFF10, Bus::MACHINE_500K));
+        note("add on none", can.addPgnFilter(0xFF11, deliverTo("none"), Bus::NONE));
+        note("add out of range", can.addPgnFilter(0xFF11, deliverTo("7"), static_cast<Bus>(7)));
+        note("add on default none", can.addPgnFilter(0xFF12, deliverTo("default")));
+        note("remove on none", can.removePgnFilter(0xFF10, Bus::NONE));
+        note("request on none", can.sendPgnRequest(0xFEEC, Bus::NONE));
+        note("request without watcher", can.sendPgnRequest(0xFEEC, Bus::PRODUCT_250K));
+        note("claimed without watcher", can.isAddressClaimed(Bus::PRODUCT_250K));
+        note("claimed on none", can.isAddressClaimed());
+        // Refused groups stay silent instead of matching everything.
+        note("add beyond 18 bits", can.addPgnFilter(0x40000, deliverTo("huge"), Bus::MACHINE_250K));
+        note("add PDU1 with address",
+             can.addPgnFilter(0xEF12, deliverTo("pdu1"), Bus::MACHINE_250K));
+        testing::internal::CaptureStderr();
+        can.sendPgnRequest(0xFEEC);
+        errorOutput = testing::internal::GetCapturedStderr();
+        can.setDefaultBus(Bus::MACHINE_250K);
+        note("default add", can.addPgnFilter(0xFF13, deliverTo("default"), Bus::MACHINE_250K));
+        note("default remove", can.removePgnFilter(0xFF13));
+        note("default remove never added", can.removePgnFilter(0xFF12));
+    });
+    rig.peer.send("can2", extendedId(6, 0xFF10, 0x80), Bytes(8, 1));
+    rig.peer.send("can3", extendedId(6, 0xFF10, 0x80), Bytes(8, 1));
+    rig.peer.send("can2", extendedId(6, 0xFF11, 0x80), Bytes(8, 1));
+    rig.peer.send("can2", extendedId(6, 0xEF12, 0x80, 0x12), Bytes(8, 1));
+    rig.peer.send("can2", extendedId(6, 0xFF10, 0x80), Bytes(3, 1));
+    rig.onCanThread([](CanInterface&) {});
+    rig.stop();
+    EXPECT_EQ(results,
+              (std::vector<std::string>{
+                  "default bus is none true", "add true", "add twice false", "add other bus true",
+                  "remove other bus true", "remove again false", "add on none false",
+                  "add out of range false", "add on default none false", "remove on none false",
+                  "request on none false", "request without watcher false",
+                  "claimed without watcher false", "claimed on none false",
+                  "add beyond 18 bits true", "add PDU1 with address true", "default add true",
+                  "default remove true", "default remove never added false"}));
+    EXPECT_EQ(errorOutput, "Error: No machine bus selected, failed to send global pgn request\n");
+    EXPECT_EQ(delivered, (std::vector<std::string>{"first 8", "first 3"}));
+}
+
+Bytes bamAnnouncement(std::uint32_t pgn, std::size_t size) {
+    const auto packets = static_cast<std::uint8_t>((size + 6) / 7);
+    return {32,
+            static_cast<std::uint8_t>(size),
+            static_cast<std::uint8_t>(size >> 8),
+            packets,
+            0xFF,
+            static_cast<std::uint8_t>(pgn),
+            static_cast<std::uint8_t>(pgn >> 8),
+            static_cast<std::uint8_t>(pgn >> 16)};
+}
+
+// A reassembled message has no pointer of its own: the filter copies it out of the pool, and
+// the sender's NAME tells the manufacturer.
+TEST(CanService, ALongMessageReachesTheFilterWholeWithItsSender) {
+    ServiceRig rig;
+    struct Received {
+        std::size_t size;
+        Bytes data;
+        int manufacturer;
+        bool hasSource;
+    };
+    std::vector<Received> received;
+    rig.onCanThread([&](CanInterface& can) {
+        can.addPgnFilter(
+            0xFF20,
+            [&](const PgnMessage& message) {
+                received.push_back({message.data.size(), message.data, message.manufacturerCode(),
+                                    message.hasSource()});
+            },
+            Bus::MACHINE_250K);
+    });
+    Bytes payload(150);
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<std::uint8_t>(i * 7 + 3);
+    }
+    // From 0x31 once it has claimed with an Agco NAME (manufacturer 102); transfers need a
+    // claimed sender.
+    const std::uint64_t agco = 5ull | (102ull << 21) | (1ull << 63);
+    rig.peer.send("can2", extendedId(6, 0xEE00, 0x31), nameBytes(agco));
+    rig.peer.send("can2", extendedId(7, 0xEC00, 0x31), bamAnnouncement(0xFF20, payload.size()));
+    for (std::size_t packet = 0; packet * 7 < payload.size(); ++packet) {
+        Bytes data = {static_cast<std::uint8_t>(packet + 1)};
+        for (std::size_t i = packet * 7; i < packet * 7 + 7; ++i) {
+            data.push_back(i < payload.size() ? payload[i] : 0xFF);
+        }
+        std::this_thread::sleep_for(milliseconds(1));
+        rig.peer.send("can2", extendedId(7, 0xEB00, 0x31), data);
+    }
+    // From 0x30, which never claimed.
+    rig.peer.send("can2", extendedId(6, 0xFF20, 0x30), {1, 2});
+    ASSERT_TRUE(cantest::eventually(
+        [&] {
+            std::size_t count = 0;
+            rig.onCanThread([&](CanInterface&) { count = received.size(); });
+            return count >= 2;
+        },
+        milliseconds(5000)));
+    rig.stop();
+    ASSERT_EQ(received.size(), 2u);
+    // The transfer completes in the stack's update, which may come after the short frame.
+    if (received[0].size < received[1].size) {
+        std::swap(received[0], received[1]);
+    }
+    EXPECT_EQ(received[0].data, payload);
+    EXPECT_EQ(received[0].manufacturer, 102);
+    EXPECT_TRUE(received[0].hasSource);
+    EXPECT_EQ(received[1].data, (Bytes{1, 2}));
+    EXPECT_EQ(received[1].manufacturer, -1);
+    EXPECT_FALSE(received[1].hasSource);
+}
+
+// Only channel 1 is searched, whatever the default bus.
+TEST(CanService, AManufacturerCountsOnlyOnTheSecondChannel) {
+    ServiceRig rig;
+    const std::uint64_t caseName = 9ull | (7ull << 21) | (1ull << 63);
+    const auto ask = [&](std::set<int> codes) {
+        bool found = false;
+        rig.onCanThread([&](CanInterface& can) { found = can.hasManufacturerOnBus(codes); });
+        return found;
+    };
+    rig.onCanThread([](CanInterface& can) { can.setDefaultBus(Bus::MACHINE_250K); });
+    rig.peer.send("can2", extendedId(6, 0xEE00, 0x40), nameBytes(caseName));
+    rig.onCanThread([](CanInterface&) {});
+    EXPECT_FALSE(ask({7, 70}));
+    rig.peer.send("can3", extendedId(6, 0xEE00, 0x40), nameBytes(caseName));
+    // The claim on can3 may be read in the same pass as, and after, the query's trigger on can2.
+    EXPECT_TRUE(cantest::eventually([&] { return ask({7, 70}); }, milliseconds(2000)));
+    EXPECT_FALSE(ask({102}));
+    EXPECT_FALSE(ask({}));
+}
+
+TEST(DeviceRegistration, SerialNumberGivesTheIdentity) {
+    const struct {
+        const char* content;  // nullptr: no file
+        const char* serial;
+        std::uint32_t identity;
+    } rows[] = {
+        {"serial_number=70001\n", "70001", 4465},  // 70001 - 65536
+        {"# device\npart_number = P07\n serial_number = 12345 \n", "12345", 12345},
+        {"serial_number=SN42\n", "SN42", 0},  // no leading number
+        {"serial_number=42SN\n", "42SN", 42},
+        {"serial_number=99999999999999999999\n", "99999999999999999999", 65535},  // 10^20 mod 2^16
+        {"part_number=P07\n", "", 0},
+        {nullptr, "", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.serial);
+        const std::string path =
+            row.content != nullptr ? temporaryFile(row.content) : "/nonexistent/registration";
+        deviceregistration::setPath(path);
+        logtest::LogCapture log("tilthwatch.caninterface");
+        EXPECT_EQ(deviceregistration::serialNumber(), row.serial);
+        EXPECT_EQ(deviceregistration::serialNumber(), row.serial);  // read once
+        EXPECT_EQ(MachineBusWatcherControlFunction::watcherNAME().getIdentityNumber(),
+                  row.identity);
+        const std::vector<std::string> errors = log.errors();
+        if (row.content == nullptr) {
+            EXPECT_EQ(errors,
+                      std::vector<std::string>{"Cannot read the device registration file " + path});
+        } else {
+            EXPECT_TRUE(errors.empty());
+            std::remove(path.c_str());
+        }
+    }
+}
+
+TEST(MachineBusWatcher, AddressListAndNAME) {
+    deviceregistration::setPath("/nonexistent/registration");
+    MachineBusWatcherControlFunction watcher(1);
+    const std::pair<std::uint8_t, std::uint8_t> rows[] = {{0, 37},    {1, 128},   {2, 129},
+                                                          {126, 253}, {127, 254}, {255, 126}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(watcher.getAddressAtIndex(row.first), row.second) << int{row.first};
+    }
+    const NAMEClass name = watcher.getNAME();
+    EXPECT_EQ(name.getNAME(), (151ull << 21) | (28ull << 40) | (2ull << 60) | (1ull << 63));
+    EXPECT_EQ(watcher.getChannel(), 1);
+    EXPECT_EQ(watcher.getAddress(), 254);
+}
+
 }  // namespace
