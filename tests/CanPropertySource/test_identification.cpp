@@ -261,10 +261,16 @@ TEST(ManufacturerDetector, LinkedFileIsReplacedWhereItPointsKeepingItsMode) {
     std::ofstream(target.string()) << "old";
     fs::permissions(target, fs::owner_read | fs::owner_write | fs::group_read);
     fs::create_directories(fs::path(rig.detectedFile).parent_path());
-    fs::create_symlink("../data/detectedMachine.json", rig.detectedFile);
     rig.start();
-    rig.can->deliver(kBus0, 0xF004, kZeros);  // the address is never claimed: each frame writes
+    rig.can->deliver(kBus0, 0xF004, kZeros);  // picks the bus; no address is ever claimed
+    // A loop of links is an error, not a hang.
+    fs::create_symlink("detectedMachine.json", rig.detectedFile);
     rig.can->deliver(kBus0, 0xF004, kZeros);
+    EXPECT_TRUE(logtest::startsWith(rig.log.lines().back(),
+                                    "ERROR Error writing to detected machine file: "));
+    fs::remove(rig.detectedFile);
+    fs::create_symlink("../data/detectedMachine.json", rig.detectedFile);
+    rig.can->deliver(kBus0, 0xF004, kZeros);  // each frame writes the file
     const std::string written = "{\n    \"detectedManufacturer\": \"\"\n}\n";
     EXPECT_TRUE(fs::is_symlink(rig.detectedFile));
     EXPECT_EQ(rig.detectedFileText(), written);

@@ -48,6 +48,7 @@ TEST(CanStackReceiveMessage, ValidationRunsInOrderAndStopsAtTheFirstFailure) {
     const uint8_t eight[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     const uint8_t request[3] = {0x00, 0xEE, 0x00};
     const uint8_t otherRequest[3] = {0x00, 0xEF, 0x00};
+    const uint8_t requestPage[3] = {0x00, 0xEE, 0x01};
     struct Case {
         uint8_t type;
         uint32_t identifier;
@@ -66,6 +67,7 @@ TEST(CanStackReceiveMessage, ValidationRunsInOrderAndStopsAtTheFirstFailure) {
         {1, 0x18FEF1FFu, eight, 8, 0, "Source Address Invalid"},
         {1, 0x18FEF1FEu, eight, 8, 0, "Source Address Invalid"},
         {1, 0x18EAFFFEu, otherRequest, 3, 0, "Source Address Invalid"},
+        {1, 0x18EAFFFEu, requestPage, 3, 0, "Source Address Invalid"},
         {1, 0x19EEFFFEu, eight, 8, 0, "Source Address Invalid"},  // data page set
         {1, 0x18EAFE01u, request, 3, 0, "Destination Address Invalid"},
         {1, 0x18EEFFFEu, eight, 8, 0, nullptr},

@@ -433,4 +433,5 @@ TEST_F(TransportTest, TransmitsBeyondTheLimitsAreRefused) {
     EXPECT_EQ(descriptionCount(OWNER, "Transmit Request Memory Pool Failure", 2), 1u);
     EXPECT_EQ(sessions(), 2u);
     EXPECT_EQ(usedBlocks(), 36u);
+    EXPECT_TRUE(completions.empty());  // refused before it started: no completion
 }
