@@ -85,6 +85,10 @@ public:
         }
         reader_ = std::thread([this] { readLoop(); });
     }
+    // Peer ends made elsewhere, such as connections accepted from a service in another process.
+    explicit CanPeer(std::map<std::string, int> peerEnds) : peerEnds_(std::move(peerEnds)) {
+        reader_ = std::thread([this] { readLoop(); });
+    }
     ~CanPeer() {
         stop_ = true;
         reader_.join();
