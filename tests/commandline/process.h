@@ -48,7 +48,7 @@ private:
     std::filesystem::path path_;
 };
 
-// Standard output and error go to files; standard input is a pipe the test may write to.
+// Standard output and error go to files.
 class Process {
 public:
     explicit Process(const std::vector<std::string>& arguments) {
@@ -57,13 +57,8 @@ public:
             argv.push_back(const_cast<char*>(argument.c_str()));
         }
         argv.push_back(nullptr);
-        int input[2];
-        if (::pipe2(input, O_CLOEXEC) != 0) {
-            return;
-        }
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input[0], 0);
         posix_spawn_file_actions_addopen(&actions, 1, (dir_ / "out").c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_addopen(&actions, 2, (dir_ / "err").c_str(),
@@ -72,13 +67,8 @@ public:
             pid_ = -1;
         }
         posix_spawn_file_actions_destroy(&actions);
-        ::close(input[0]);
-        input_ = input[1];
     }
     ~Process() {
-        if (input_ >= 0) {
-            ::close(input_);
-        }
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
@@ -89,10 +79,6 @@ public:
 
     bool started() const { return pid_ > 0; }
     void signal(int number) { ::kill(pid_, number); }
-    void writeLine(const std::string& line) {
-        const std::string text = line + "\n";
-        (void)!::write(input_, text.data(), text.size());
-    }
 
     // The exit status, or -1 if the child did not exit normally within `timeout`.
     int wait(std::chrono::milliseconds timeout = std::chrono::milliseconds(20000)) {
@@ -125,7 +111,6 @@ public:
 private:
     TempDir dir_;
     pid_t pid_ = -1;
-    int input_ = -1;
 };
 
 // Runs to the end and gives the exit status.

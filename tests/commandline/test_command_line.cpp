@@ -214,22 +214,6 @@ TEST_F(LoggingDriver, LevelAndAppendersFromTheCommandLine) {
     }
 }
 
-TEST_F(LoggingDriver, CommandLineLinesCarryTheSystemPattern) {
-    Process process(driver("report", {"-l", "info", "-a", "file"}));
-    ASSERT_EQ(clitest::run(process), 0);
-    const std::regex line(
-        "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\] \\[[0-9]+\\] \\[INFO\\] "
-        "\\[tilthwatch\\.commandlineparser\\]: (Branch|Version|Build time|Boost version) .+");
-    std::istringstream lines(readFile(logFile()));
-    std::vector<std::string> heads;
-    for (std::string text; std::getline(lines, text);) {
-        EXPECT_TRUE(std::regex_match(text, line)) << text;
-        heads.push_back(text.substr(text.find("]: ") + 3, 7));
-    }
-    // The file appender appends asynchronously, from more than one thread: order may vary.
-    EXPECT_THAT(heads, ::testing::UnorderedElementsAre("Branch ", "Version", "Build t", "Boost v"));
-}
-
 // Without a level on the command line the files decide, whatever -a says.
 TEST_F(LoggingDriver, FilesDecideWithoutALevel) {
     struct Case {
@@ -283,7 +267,6 @@ TEST_F(LoggingDriver, AFileChangedAfterStartUpDoesNotTakeEffect) {
     Process process(driver("hold", {}));
     ASSERT_TRUE(process.waitForOutput("root: INFO, Out\n", milliseconds(20000)));
     writeFile(installed(), config("edited", "WARN") + "# a longer file than before\n");
-    process.writeLine("edited");
     ASSERT_EQ(process.wait(), 0);
     EXPECT_THAT(log("installed"), HasSubstr("installed INFO tilthwatch.driver: after the edit\n"));
     EXPECT_FALSE(std::filesystem::exists(dir_ / "edited.log"));

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <log4cplus/helpers/property.h>
@@ -20,84 +22,52 @@ namespace {
 
 const std::string kPattern = "[%d{%Y-%m-%d %H:%M:%S}] [%r] [%p] [%c]: %m%n";
 
-template <typename T>
-T fromWord(const std::string& word) {
+std::string nameOfWord(const std::string& word, bool level) {
     boost::any value;
-    norvanelogging::validate(value, {word}, static_cast<T*>(nullptr), 0);
-    return boost::any_cast<T>(value);
-}
-
-struct WordCase {
-    std::string word;
-    int value;
-    std::string name;
-};
-
-TEST(LogLevelWords, EveryAcceptedWordInAnyCase) {
-    const std::vector<WordCase> cases = {
-        {"trace", 0, "TRACE"},    {"debug", 1, "DEBUG"}, {"DEBUG", 1, "DEBUG"},
-        {"info", 2, "INFO"},      {"warn", 3, "WARN"},   {"Warning", 3, "WARN"},
-        {"error", 4, "ERROR"},    {"ERR", 4, "ERROR"},   {"fatal", 5, "FATAL"},
-        {"critical", 5, "FATAL"}, {"off", 6, "OFF"},     {"disabled", 6, "OFF"},
-        {"None", 6, "OFF"},
-    };
-    for (const WordCase& c : cases) {
-        const LogLevel level = fromWord<LogLevel>(c.word);
-        EXPECT_EQ(static_cast<int>(level), c.value) << c.word;
-        EXPECT_EQ(norvanelogging::toString(level), c.name) << c.word;
+    if (level) {
+        norvanelogging::validate(value, {word}, static_cast<LogLevel*>(nullptr), 0);
+        return norvanelogging::toString(boost::any_cast<LogLevel>(value));
     }
+    norvanelogging::validate(value, {word}, static_cast<Appender*>(nullptr), 0);
+    return norvanelogging::toString(boost::any_cast<Appender>(value));
 }
 
-TEST(AppenderWords, EveryAcceptedWordInAnyCase) {
-    const std::vector<WordCase> cases = {
-        {"file", 0, "FileAppender"},       {"FileAppender", 0, "FileAppender"},
-        {"console", 1, "ConsoleAppender"}, {"Term", 1, "ConsoleAppender"},
-        {"STDOUT", 1, "ConsoleAppender"},  {"consoleappender", 1, "ConsoleAppender"},
+TEST(OptionWords, EveryAcceptedWordInAnyCase) {
+    // Is a level, name, and the words that give it.
+    const std::vector<std::tuple<bool, std::string, std::string>> cases = {
+        {true, "TRACE", "trace"},
+        {true, "DEBUG", "debug DEBUG"},
+        {true, "INFO", "info"},
+        {true, "WARN", "warn Warning"},
+        {true, "ERROR", "error ERR"},
+        {true, "FATAL", "fatal Critical"},
+        {true, "OFF", "off disabled None"},
+        {false, "FileAppender", "file FileAppender"},
+        {false, "ConsoleAppender", "console Term STDOUT consoleappender"},
     };
-    for (const WordCase& c : cases) {
-        const Appender appender = fromWord<Appender>(c.word);
-        EXPECT_EQ(static_cast<int>(appender), c.value) << c.word;
-        EXPECT_EQ(norvanelogging::toString(appender), c.name) << c.word;
+    for (const auto& c : cases) {
+        std::istringstream words(std::get<2>(c));
+        for (std::string word; words >> word;) {
+            EXPECT_EQ(nameOfWord(word, std::get<0>(c)), std::get<1>(c)) << word;
+        }
     }
 }
 
 TEST(OptionWords, AnUnknownWordIsTheLibrarysInvalidValueError) {
     for (const std::string word : {"verbose", "", "debug ", "information", "files", "syslog"}) {
-        EXPECT_THROW(fromWord<LogLevel>(word), boost::program_options::invalid_option_value)
-            << word;
-        EXPECT_THROW(fromWord<Appender>(word), boost::program_options::invalid_option_value)
-            << word;
+        for (const bool level : {true, false}) {
+            EXPECT_THROW(nameOfWord(word, level), boost::program_options::invalid_option_value)
+                << word;
+        }
     }
 }
 
-TEST(OptionWords, ValuesOutsideTheTablesHaveNoName) {
+// Neither comes from a command line: values outside the tables and no appenders at all.
+TEST(OptionWords, EdgesOfTheTables) {
     EXPECT_EQ(norvanelogging::toString(static_cast<LogLevel>(7)), "");
     EXPECT_EQ(norvanelogging::toString(static_cast<LogLevel>(-1)), "");
     EXPECT_EQ(norvanelogging::toString(static_cast<Appender>(2)), "");
-}
-
-TEST(RootLoggerValue, LevelThenEachAppenderInOrder) {
-    struct Case {
-        LogLevel level;
-        std::vector<Appender> appenders;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
-        {LogLevel::debug,
-         {Appender::FileAppender, Appender::ConsoleAppender},
-         "DEBUG, FileAppender, ConsoleAppender"},
-        {LogLevel::info, {Appender::ConsoleAppender}, "INFO, ConsoleAppender"},
-        {LogLevel::off,
-         {Appender::FileAppender, Appender::ConsoleAppender},
-         "OFF, FileAppender, ConsoleAppender"},
-        {LogLevel::warn,
-         {Appender::ConsoleAppender, Appender::FileAppender},
-         "WARN, ConsoleAppender, FileAppender"},
-        {LogLevel::trace, {}, "TRACE"},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(norvanelogging::rootLoggerValue(c.level, c.appenders), c.expected);
-    }
+    EXPECT_EQ(norvanelogging::rootLoggerValue(LogLevel::trace, {}), "TRACE");
 }
 
 // Both appenders are always defined; only the root logger value says which are attached.
