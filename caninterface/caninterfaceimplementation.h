@@ -34,6 +34,8 @@ public:
     static constexpr int kValidityWaitStepMs = 5;
     static constexpr int kWriteAttempts = 10;
     static constexpr int kWriteRetryStepMs = 2;
+    // Frames taken from a socket in one system call; each pass still handles one per channel.
+    static constexpr unsigned kReadBatch = 32;
 
     // Opens channels through SocketCAN.
     CanInterfaceImplementation();
@@ -86,7 +88,10 @@ private:
     void canSendThreadMethod();
     void runMainLoop();
     void drainCompletions();
-    void readFrame(std::size_t channel);
+    struct Inbox;
+    // Takes what waits in the channel's socket, up to one batch; false when nothing came.
+    bool fillInbox(std::size_t channel, Inbox& inbox);
+    void deliverFrame(std::size_t channel, const struct can_frame& frame);
     bool writeFrame(CANTransmitMessageClass& message, bool prepare);
     void freeQueues();
     int openChannel(const std::string& name);
