@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "caninterface/can_peer.h"
+#include "tools/fake_can_interfaces.h"
 
 extern char** environ;
 
@@ -27,8 +28,6 @@ using std::chrono::milliseconds;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
-
-const char* const kChannels[] = {"can2", "can3", "can1"};
 
 bool portFree(int port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -40,63 +39,11 @@ bool portFree(int port) {
     return ok;
 }
 
-// Listening sockets where the preloaded service connects its channels.
-class FakeInterfaces {
-public:
-    FakeInterfaces() {
-        char pattern[] = "/tmp/tilthwatch-can-XXXXXX";
-        directory_ = ::mkdtemp(pattern);
-        for (const char* name : kChannels) {
-            const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-            sockaddr_un address{};
-            address.sun_family = AF_UNIX;
-            std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", directory_.c_str(),
-                          name);
-            ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-            ::listen(fd, 1);
-            listeners_[name] = fd;
-        }
-    }
-    ~FakeInterfaces() {
-        for (auto& listener : listeners_) {
-            ::close(listener.second);
-            ::unlink((directory_ + "/" + listener.first).c_str());
-        }
-        ::rmdir(directory_.c_str());
-    }
-    const std::string& directory() const { return directory_; }
-
-    // The service's connection on every channel, or an empty map after the timeout.
-    std::map<std::string, int> accept(milliseconds timeout) {
-        std::map<std::string, int> accepted;
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (accepted.size() < listeners_.size() && std::chrono::steady_clock::now() < deadline) {
-            for (auto& listener : listeners_) {
-                pollfd entry{listener.second, POLLIN, 0};
-                if (accepted.count(listener.first) == 0 && ::poll(&entry, 1, 10) > 0) {
-                    accepted[listener.first] = ::accept(listener.second, nullptr, nullptr);
-                }
-            }
-        }
-        if (accepted.size() < listeners_.size()) {
-            for (auto& end : accepted) {
-                ::close(end.second);
-            }
-            accepted.clear();
-        }
-        return accepted;
-    }
-
-private:
-    std::string directory_;
-    std::map<std::string, int> listeners_;
-};
-
 TEST(RealService, BothProtocolsAnswerOnTheWire) {
     if (!portFree(4499)) {
         GTEST_SKIP() << "the service's publisher port is in use on this machine";
     }
-    FakeInterfaces interfaces;
+    fakecan::FakeInterfaces interfaces({"can2", "can3", "can1"});
     std::vector<std::string> environment = {
         std::string("LD_PRELOAD=") + FAKE_SOCKETCAN_LIBRARY,
         "TILTHWATCH_FAKE_CAN_DIR=" + interfaces.directory(),
