@@ -165,6 +165,22 @@ TEST(CanService, WatchersClaimOnTheFirstTwoChannelsOnlyAndTheStopClosesEverythin
         EXPECT_LT(requests.front().at, claim.at);
     }
     EXPECT_EQ(rig.peer.opened(), 3);
+    // The default-bus query follows the default bus.
+    bool claimed[3] = {};
+    // A claim holds after 250 ms without contention.
+    EXPECT_TRUE(cantest::eventually(
+        [&] {
+            rig.onCanThread([&](CanInterface& can) {
+                can.setDefaultBus(Bus::MACHINE_500K);
+                claimed[0] = can.isAddressClaimed();
+                can.setDefaultBus(Bus::PRODUCT_250K);
+                claimed[1] = can.isAddressClaimed();
+                claimed[2] = can.isAddressClaimed(Bus::MACHINE_250K);
+            });
+            return claimed[0] && claimed[2];
+        },
+        milliseconds(3000)));
+    EXPECT_FALSE(claimed[1]);
     EXPECT_EQ(rig.application->starts, 1);
 
     rig.stop();
@@ -204,6 +220,18 @@ TEST(CanService, OnASilentBusTheLoopTurnsEveryFourSeconds) {
     EXPECT_GE(calls[1] - calls[0], milliseconds(2000));
     EXPECT_LT(calls[1] - calls[0], milliseconds(4500));
     EXPECT_TRUE(rig.peer.frames().empty());  // the stack has not even begun to claim
+}
+
+// A callback that replaces a slow one with a shorter interval is not held back by the old
+// interval's timer.
+TEST(CanService, AShorterIntervalTakesEffectAtOnce) {
+    std::atomic<int> fastRuns{0};
+    ServiceRig rig({}, true, [](CanInterface& can) { can.setPeriodicCallback([] {}, 60000000); });
+    rig.onCanThread([&](CanInterface& can) {
+        can.clearPeriodicCallback();
+        can.setPeriodicCallback([&] { ++fastRuns; }, 50000);
+    });
+    EXPECT_TRUE(cantest::eventually([&] { return fastRuns >= 2; }, milliseconds(2000)));
 }
 
 // Records what the stack makes of each frame on can1.
@@ -402,7 +430,10 @@ TEST(CanService, FiltersAndQueriesFollowTheContract) {
         can.sendPgnRequest(0xFEEC);
         errorOutput = testing::internal::GetCapturedStderr();
         can.setDefaultBus(Bus::MACHINE_250K);
-        note("default add", can.addPgnFilter(0xFF13, deliverTo("default"), Bus::MACHINE_250K));
+        // The default-bus form installs, but its result says nothing.
+        note("default add", can.addPgnFilter(0xFF13, deliverTo("default")));
+        note("explicit add where it stands",
+             can.addPgnFilter(0xFF13, deliverTo("x"), Bus::MACHINE_250K));
         note("default remove", can.removePgnFilter(0xFF13));
         note("default remove never added", can.removePgnFilter(0xFF12));
     });
@@ -413,15 +444,26 @@ TEST(CanService, FiltersAndQueriesFollowTheContract) {
     rig.peer.send("can2", extendedId(6, 0xFF10, 0x80), Bytes(3, 1));
     rig.onCanThread([](CanInterface&) {});
     rig.stop();
-    EXPECT_EQ(results,
-              (std::vector<std::string>{
-                  "default bus is none true", "add true", "add twice false", "add other bus true",
-                  "remove other bus true", "remove again false", "add on none false",
-                  "add out of range false", "add on default none false", "remove on none false",
-                  "request on none false", "request without watcher false",
-                  "claimed without watcher false", "claimed on none false",
-                  "add beyond 18 bits true", "add PDU1 with address true", "default add true",
-                  "default remove true", "default remove never added false"}));
+    EXPECT_EQ(results, (std::vector<std::string>{"default bus is none true",
+                                                 "add true",
+                                                 "add twice false",
+                                                 "add other bus true",
+                                                 "remove other bus true",
+                                                 "remove again false",
+                                                 "add on none false",
+                                                 "add out of range false",
+                                                 "add on default none false",
+                                                 "remove on none false",
+                                                 "request on none false",
+                                                 "request without watcher false",
+                                                 "claimed without watcher false",
+                                                 "claimed on none false",
+                                                 "add beyond 18 bits true",
+                                                 "add PDU1 with address true",
+                                                 "default add false",
+                                                 "explicit add where it stands false",
+                                                 "default remove true",
+                                                 "default remove never added false"}));
     EXPECT_EQ(errorOutput, "Error: No machine bus selected, failed to send global pgn request\n");
     EXPECT_EQ(delivered, (std::vector<std::string>{"first 8", "first 3"}));
 }
