@@ -101,7 +101,10 @@ int waitForPeriod(std::int64_t periodMs) {
 
 // Closes the open interval and hands its record to the sinks.
 ValueMap closeAndPublish(Properties& properties, const std::shared_ptr<Manager>& manager,
-                         std::uint32_t intervalId) {
+                         std::uint32_t intervalId, const std::function<void()>& beforeClose) {
+    if (beforeClose) {
+        beforeClose();
+    }
     properties.flushProperties(manager);
     ValueMap record;
     {
@@ -186,7 +189,7 @@ void runTelematicsLoop(const TelematicsConfig& config) {
 
     int signal = 0;
     while ((signal = waitForPeriod(config.periodMs)) == 0) {
-        ValueMap record = closeAndPublish(*properties, manager, intervalId);
+        ValueMap record = closeAndPublish(*properties, manager, intervalId, config.beforeClose);
         copyLastValues(record);
         intervalId = manager->openInterval(kRecordName, seed, plan, timestampNow(), kMaxSamples);
     }
@@ -194,5 +197,5 @@ void runTelematicsLoop(const TelematicsConfig& config) {
     LOG4CPLUS_INFO(logger, "Stopping tilthwatch application on signal " << signal);
     // Samples of the last frames still reach the last record.
     canService->stop();
-    closeAndPublish(*properties, manager, intervalId);
+    closeAndPublish(*properties, manager, intervalId, config.beforeClose);
 }

@@ -24,6 +24,10 @@ struct TelematicsConfig {
     std::function<int(const std::string& channel)> channelOpener;
     // Sinks handed to the manager after the Ice and ZeroMQ sinks; the service has none.
     std::vector<std::shared_ptr<nvsf::telemalog::Sink>> extraSinks;
+    // Called on the run loop's thread just before each record is closed, the last one of the
+    // stop path included; the service sets none. With extraSinks it tells a record closed
+    // after some moment from one already being closed then.
+    std::function<void()> beforeClose;
 };
 
 // Blocks SIGTERM and SIGINT in the calling thread, and so in every thread it creates later;
