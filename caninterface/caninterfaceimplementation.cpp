@@ -264,12 +264,13 @@ void CanInterfaceImplementation::runMainLoop() {
 }
 
 void CanInterfaceImplementation::drainCompletions() {
+    if (!m_completionsWaiting.load(std::memory_order_acquire)) {
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(m_completionMutex);
-        if (m_completionQueue.empty()) {
-            return;
-        }
         m_completionDrain.swap(m_completionQueue);
+        m_completionsWaiting.store(false, std::memory_order_relaxed);
     }
     for (const Completion& entry : m_completionDrain) {
         NetworkManagementClass::transmitComplete(entry.message, entry.success);
@@ -380,6 +381,7 @@ void CanInterfaceImplementation::canSendThreadMethod() {
             {
                 std::lock_guard<std::mutex> lock(m_completionMutex);
                 m_completionQueue.push_back(Completion{message, written, last});
+                m_completionsWaiting.store(true, std::memory_order_release);
             }
             if (written) {
                 break;

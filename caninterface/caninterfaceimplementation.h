@@ -104,6 +104,8 @@ private:
     std::condition_variable m_sendCondition;
     std::deque<Queued> m_sendQueue;
     std::deque<Completion> m_completionQueue;
+    // Set with the queue under m_completionMutex: spares the main loop the lock on most passes.
+    std::atomic<bool> m_completionsWaiting{false};
     PeriodicCallback m_periodicCallback;
     std::int64_t m_periodicInterval = 0;
     std::vector<std::shared_ptr<MachineBusWatcherControlFunction>> m_watchers;
