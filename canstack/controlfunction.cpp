@@ -22,6 +22,8 @@ uint16_t RegisteredControlFunctionClass::numberInvalidRegisteredControlFunctions
 DynamicRegisteredControlFunctionClass**
     DynamicRegisteredControlFunctionClass::dynamicRegisteredControlFunctionList = nullptr;
 uint16_t DynamicRegisteredControlFunctionClass::numberDynamicRegisteredControlFunctions = 0;
+UnregisteredControlFunctionClass* UnregisteredControlFunctionClass::forgottenList = nullptr;
+uint32_t UnregisteredControlFunctionClass::numberForgotten = 0;
 
 namespace {
 void report(const char* owner, const char* text, uint8_t severity) {
@@ -60,6 +62,11 @@ void ControlFunctionClass::enterTable() {
     }
 }
 
+void ControlFunctionClass::changeNAME(NAMEClass name) {
+    NAME = name;
+    NetworkManagementClass::refileLostDevice(this);
+}
+
 bool ControlFunctionClass::swapWith(ControlFunctionClass* other) {
     if (other == nullptr || other->channel != channel || channel >= NUMBER_CAN_CHANNELS) {
         return false;
@@ -74,8 +81,8 @@ bool ControlFunctionClass::swapWith(ControlFunctionClass* other) {
     address = other->address;
     other->address = ownAddress;
     const NAMEClass ownNAME = NAME;
-    NAME = other->NAME;
-    other->NAME = ownNAME;
+    changeNAME(other->NAME);
+    other->changeNAME(ownNAME);
     for (ControlFunctionClass* cf : {static_cast<ControlFunctionClass*>(this), other}) {
         if (cf->address <= 253) {
             NetworkManagementClass::removeLostDevice(cf);
@@ -126,7 +133,7 @@ RegisteredControlFunctionClass::RegisteredControlFunctionClass(
     : ControlFunctionClass(NAMEClass(), NULL_ADDRESS, channel) {
     addToList();
     if (!bindByNAME(name)) {
-        NAME = name;
+        changeNAME(name);
         NetworkManagementClass::addLostDevice(this);
     }
     if (callback != nullptr) {
@@ -152,11 +159,11 @@ void RegisteredControlFunctionClass::handOver() {
     }
     if (address <= 253) {
         UnregisteredControlFunctionClass* heir =
-            new (std::nothrow) UnregisteredControlFunctionClass(NAME, address, channel);
+            UnregisteredControlFunctionClass::create(NAME, address, channel);
         NetworkManagementClass::controlFunctionTable[channel][address] = heir;
     } else if (!NAME.isUnknown()) {
         UnregisteredControlFunctionClass* heir =
-            new (std::nothrow) UnregisteredControlFunctionClass(NAME, NULL_ADDRESS, channel);
+            UnregisteredControlFunctionClass::create(NAME, NULL_ADDRESS, channel);
         if (heir != nullptr) {
             NetworkManagementClass::addLostDevice(heir);
         }
@@ -166,7 +173,7 @@ void RegisteredControlFunctionClass::handOver() {
 void RegisteredControlFunctionClass::becomeUnbound() {
     leaveTable();
     address = NULL_ADDRESS;
-    NAME = NAMEClass();
+    changeNAME(NAMEClass());
     lastReceiveTimestamp = 0;
     NetworkManagementClass::removeLostDevice(this);
 }
@@ -200,7 +207,7 @@ bool RegisteredControlFunctionClass::bindByNAMEFields(const NAMEFieldEntry* list
     handOver();
     // handOver replaced this object in its column; only the lost list may still hold it.
     address = NULL_ADDRESS;
-    NAME = NAMEClass();
+    changeNAME(NAMEClass());
     lastReceiveTimestamp = 0;
     NetworkManagementClass::removeLostDevice(this);
     return true;
@@ -220,7 +227,7 @@ bool RegisteredControlFunctionClass::bindByAddress(uint8_t newAddress) {
     numberNAMEFields = 0;
     handOver();
     address = newAddress;
-    NAME = NAMEClass();
+    changeNAME(NAMEClass());
     lastReceiveTimestamp = 0;
     enterTable();
     NetworkManagementClass::removeLostDevice(this);
@@ -240,7 +247,7 @@ bool RegisteredControlFunctionClass::bindByNAME(NAMEClass name) {
         numberNAMEFields = 0;
         handOver();
         address = NULL_ADDRESS;
-        NAME = name;
+        changeNAME(name);
         lastReceiveTimestamp = 0;
         NetworkManagementClass::addLostDevice(this);
         return true;
@@ -261,8 +268,42 @@ void RegisteredControlFunctionClass::reset() {
 void UnregisteredControlFunctionClass::reset() {
     leaveTable();
     address = NULL_ADDRESS;
-    NAME = NAMEClass();
+    changeNAME(NAMEClass());
     NetworkManagementClass::addLostDevice(this);
+}
+
+UnregisteredControlFunctionClass* UnregisteredControlFunctionClass::create(NAMEClass name,
+                                                                           uint8_t address,
+                                                                           uint8_t channel) {
+    UnregisteredControlFunctionClass* function = forgottenList;
+    if (function == nullptr) {
+        function = new (std::nothrow) UnregisteredControlFunctionClass(name, address, channel);
+        if (function != nullptr) {
+            function->madeByStack = true;
+        }
+        return function;
+    }
+    forgottenList = function->nextForgotten;
+    --numberForgotten;
+    function->nextForgotten = nullptr;
+    function->NAME = name;
+    function->address = address;
+    function->channel = channel;
+    return function;
+}
+
+void UnregisteredControlFunctionClass::forget() {
+    if (paired) {
+        RegisteredControlFunctionClass::removeInvalidRegisteredControlFunctions(this);
+    }
+    leaveTable();
+    address = NULL_ADDRESS;
+    NAME = NAMEClass();
+    if (madeByStack) {
+        nextForgotten = forgottenList;
+        forgottenList = this;
+        ++numberForgotten;
+    }
 }
 
 PARAMETER_GROUP_NUMBER_CALLBACK_STRUCT*
@@ -359,7 +400,26 @@ bool RegisteredControlFunctionClass::addInvalidRegisteredControlFunction(
     }
     *tail = node;
     ++numberInvalidRegisteredControlFunctions;
+    if (other != nullptr) {
+        other->paired = true;
+    }
     return true;
+}
+
+void RegisteredControlFunctionClass::removeInvalidRegisteredControlFunctions(
+    UnregisteredControlFunctionClass* other) {
+    for (INVALID_REGISTERED_CONTROL_FUNCTION_STRUCT** link = &invalidRegisteredControlFunctionList;
+         *link != nullptr;) {
+        INVALID_REGISTERED_CONTROL_FUNCTION_STRUCT* node = *link;
+        if (node->unregisteredControlFunction == other) {
+            *link = node->next;
+            delete node;
+            --numberInvalidRegisteredControlFunctions;
+        } else {
+            link = &node->next;
+        }
+    }
+    other->paired = false;
 }
 
 // ---------------------------------------------------------------- Dynamic

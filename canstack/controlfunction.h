@@ -8,6 +8,7 @@
 
 class CANMessageClass;
 class RegisteredControlFunctionClass;
+struct CONTROL_FUNCTION_LOST_DEVICE_STRUCT;
 class UnregisteredControlFunctionClass;
 
 // A node on a channel: type 0 internal, 1 registered, 2 unregistered.
@@ -41,12 +42,16 @@ protected:
     // Clears this function's table column if it stands there.
     void leaveTable();
     void enterTable();
+    // Every change of NAME goes through here: the lost list is indexed by NAME.
+    void changeNAME(NAMEClass name);
 
     NAMEClass NAME;
     uint8_t channel;
     uint8_t address;
     uint8_t numberNAMEFields = 0;
     uint8_t numberParameterGroupNumberCallbacks = 0;
+    // This function's node in the lost list, null when not listed.
+    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* lostDevice = nullptr;
 };
 
 struct PARAMETER_GROUP_NUMBER_CALLBACK_STRUCT {
@@ -109,6 +114,8 @@ public:
     static uint16_t numberRegisteredControlFunctions;
     static INVALID_REGISTERED_CONTROL_FUNCTION_STRUCT* invalidRegisteredControlFunctionList;
     static uint16_t numberInvalidRegisteredControlFunctions;
+    // Drops the pairs naming a forgotten device.
+    static void removeInvalidRegisteredControlFunctions(UnregisteredControlFunctionClass* other);
 
 private:
     friend class NetworkManagementClass;
@@ -131,6 +138,25 @@ public:
     uint8_t getType() const override { return 2; }
     bool isAddressValid() const override { return address <= 253; }
     void reset() override;
+
+    // How the stack makes one: from a function it forgot earlier when it has one, so that a
+    // flood of new NAMEs reuses memory; null when memory runs out.
+    static UnregisteredControlFunctionClass* create(NAMEClass name, uint8_t address,
+                                                    uint8_t channel);
+    static uint32_t getNumberForgotten() { return numberForgotten; }
+
+private:
+    friend class NetworkManagementClass;
+    friend class RegisteredControlFunctionClass;
+    // Called once the lost list has let go of it. The stack never deletes what it made, since
+    // queued frames and sessions may still point here: its own go back to the stack for reuse.
+    void forget();
+
+    static UnregisteredControlFunctionClass* forgottenList;
+    static uint32_t numberForgotten;
+    UnregisteredControlFunctionClass* nextForgotten = nullptr;
+    bool madeByStack = false;
+    bool paired = false;  // stands in invalidRegisteredControlFunctionList
 };
 
 // Creates registered control functions on demand for devices matching a NAME field list.

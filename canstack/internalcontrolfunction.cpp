@@ -129,7 +129,7 @@ bool InternalControlFunctionClass::requestChangeNAME(NAMEClass name) {
     if (name == NAME) {
         return true;
     }
-    NAME = name;
+    changeNAME(name);
     drawRandomDelay();
     setClaimState(CLAIM_STATE_START);
     return true;

@@ -23,7 +23,6 @@ uint16_t NetworkManagementClass::numberGlobalReceiveCallbacks[NUMBER_CAN_CHANNEL
 NEW_CONTROL_FUNCTION_CALLBACK_STRUCT* NetworkManagementClass::newControlFunctionCallbacks = nullptr;
 LOAD_PARAMETER_GROUP_NUMBER_DATA_STRUCT*
     NetworkManagementClass::loadParameterGroupNumberDataCallbacks = nullptr;
-CONTROL_FUNCTION_LOST_DEVICE_STRUCT* NetworkManagementClass::controlFunctionLostDevices = nullptr;
 ControlFunctionClass* NetworkManagementClass::controlFunctionTable[NUMBER_CAN_CHANNELS]
                                                                   [NUMBER_ADDRESSES] = {};
 
@@ -382,13 +381,13 @@ bool NetworkManagementClass::processAddressClaim(CANMessageClass* message, bool 
     if (unboundFound) {
         match->leaveTable();
         removeLostDevice(match);
-        match->NAME = name;
+        match->changeNAME(name);
         match->address = s;
         outcome = match;
     } else if (received) {
         if (match != nullptr) {
             UnregisteredControlFunctionClass* other =
-                new (std::nothrow) UnregisteredControlFunctionClass(name, s, channel);
+                UnregisteredControlFunctionClass::create(name, s, channel);
             if (other != nullptr) {
                 RegisteredControlFunctionClass::addInvalidRegisteredControlFunction(match, other);
             }
@@ -408,7 +407,7 @@ bool NetworkManagementClass::processAddressClaim(CANMessageClass* message, bool 
             if (record != nullptr) {
                 outcome = record->create(name, s);
             } else {
-                outcome = new (std::nothrow) UnregisteredControlFunctionClass(name, s, channel);
+                outcome = UnregisteredControlFunctionClass::create(name, s, channel);
             }
         }
     }
@@ -805,14 +804,8 @@ bool NetworkManagementClass::findControlFunctionByNAME(NAMEClass name, uint8_t c
             return true;
         }
     }
-    for (CONTROL_FUNCTION_LOST_DEVICE_STRUCT* n = controlFunctionLostDevices; n != nullptr;
-         n = n->next) {
-        if (n->controlFunction->getChannel() == channel && n->controlFunction->getNAME() == name) {
-            function = n->controlFunction;
-            return true;
-        }
-    }
-    return false;
+    function = findLostDevice(name, channel);
+    return function != nullptr;
 }
 
 bool NetworkManagementClass::findControlFunctionByNAMEFields(uint16_t index,
@@ -876,68 +869,4 @@ bool NetworkManagementClass::compareChannels(uint8_t first, uint8_t second) {
         }
     }
     return true;
-}
-
-bool NetworkManagementClass::addLostDevice(ControlFunctionClass* function) {
-    if (function == nullptr) {
-        return false;
-    }
-    CONTROL_FUNCTION_LOST_DEVICE_STRUCT** tail = &controlFunctionLostDevices;
-    for (; *tail != nullptr; tail = &(*tail)->next) {
-        if ((*tail)->controlFunction == function) {
-            return false;
-        }
-    }
-    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* node =
-        new (std::nothrow) CONTROL_FUNCTION_LOST_DEVICE_STRUCT{nullptr, function};
-    if (node == nullptr) {
-        return false;
-    }
-    *tail = node;
-    return true;
-}
-
-bool NetworkManagementClass::removeLostDevice(ControlFunctionClass* function) {
-    for (CONTROL_FUNCTION_LOST_DEVICE_STRUCT** link = &controlFunctionLostDevices; *link != nullptr;
-         link = &(*link)->next) {
-        if ((*link)->controlFunction == function) {
-            CONTROL_FUNCTION_LOST_DEVICE_STRUCT* node = *link;
-            *link = node->next;
-            delete node;
-            return true;
-        }
-    }
-    return false;
-}
-
-bool NetworkManagementClass::isLostDevice(ControlFunctionClass* function) {
-    for (CONTROL_FUNCTION_LOST_DEVICE_STRUCT* n = controlFunctionLostDevices; n != nullptr;
-         n = n->next) {
-        if (n->controlFunction == function) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool NetworkManagementClass::getLostDevice(uint32_t index, ControlFunctionClass*& function) {
-    function = nullptr;
-    uint32_t position = 0;
-    for (CONTROL_FUNCTION_LOST_DEVICE_STRUCT* n = controlFunctionLostDevices; n != nullptr;
-         n = n->next) {
-        if (position++ == index) {
-            function = n->controlFunction;
-            return true;
-        }
-    }
-    return false;
-}
-
-uint32_t NetworkManagementClass::getNumberLostDevices() {
-    uint32_t count = 0;
-    for (CONTROL_FUNCTION_LOST_DEVICE_STRUCT* n = controlFunctionLostDevices; n != nullptr;
-         n = n->next) {
-        ++count;
-    }
-    return count;
 }

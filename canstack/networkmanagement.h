@@ -71,6 +71,16 @@ struct LOAD_PARAMETER_GROUP_NUMBER_DATA_STRUCT {
 struct CONTROL_FUNCTION_LOST_DEVICE_STRUCT {
     CONTROL_FUNCTION_LOST_DEVICE_STRUCT* next;
     ControlFunctionClass* controlFunction;
+    // The rest keeps every operation on the list constant-time however long a flood of new
+    // NAMEs makes it.
+    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* previous;
+    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* nextWithSameKey;  // index by channel and NAME
+    // Unregistered functions of one channel, oldest first: the ones that may be forgotten.
+    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* nextForgettable;
+    CONTROL_FUNCTION_LOST_DEVICE_STRUCT* previousForgettable;
+    uint64_t position;  // rises along the list, so that the first of equal NAMEs is found
+    uint32_t indexSlot;
+    bool forgettable;
 };
 
 // Centre of the stack: address table, update cycle, receive routing and send operations.
@@ -160,11 +170,18 @@ public:
     // True when both channels show the same NAMEs at every address.
     static bool compareChannels(uint8_t first, uint8_t second);
 
+    // Unregistered functions remembered without an address, per channel. Past this the
+    // oldest is forgotten: a device that claims again later comes up as a new one.
+    static constexpr uint32_t MAXIMUM_NUMBER_FORGETTABLE_LOST_DEVICES = 1024;
+    static constexpr uint32_t LOST_DEVICE_INDEX_SIZE = 4096;
+
     static bool addLostDevice(ControlFunctionClass* function);
     static bool removeLostDevice(ControlFunctionClass* function);
-    static bool isLostDevice(ControlFunctionClass* function);
+    static bool isLostDevice(const ControlFunctionClass* function);
     static bool getLostDevice(uint32_t index, ControlFunctionClass*& function);
-    static uint32_t getNumberLostDevices();
+    static uint32_t getNumberLostDevices() { return numberLostDevices; }
+    // Unregistered ones on a channel, those counted against the maximum.
+    static uint32_t getNumberForgettableLostDevices(uint8_t channel);
 
     static bool isInitialized() { return networkManagementIsInitialized; }
 
@@ -181,6 +198,24 @@ public:
     static ControlFunctionClass* controlFunctionTable[NUMBER_CAN_CHANNELS][NUMBER_ADDRESSES];
 
 private:
+    friend class ControlFunctionClass;
+    // First lost function of the channel with this NAME, in list order.
+    static ControlFunctionClass* findLostDevice(NAMEClass name, uint8_t channel);
+    // Files a listed function again under the NAME it now has.
+    static void refileLostDevice(ControlFunctionClass* function);
+    static void unlinkLostDevice(CONTROL_FUNCTION_LOST_DEVICE_STRUCT* node);
+    static void fileLostDevice(CONTROL_FUNCTION_LOST_DEVICE_STRUCT* node);
+    static void unfileLostDevice(CONTROL_FUNCTION_LOST_DEVICE_STRUCT* node);
+    static CONTROL_FUNCTION_LOST_DEVICE_STRUCT* forgetOldestLostDevice(uint8_t channel);
+
+    static CONTROL_FUNCTION_LOST_DEVICE_STRUCT* lostDevicesTail;
+    static uint32_t numberLostDevices;
+    static uint64_t lostDevicePositions;
+    static CONTROL_FUNCTION_LOST_DEVICE_STRUCT* lostDeviceIndex[LOST_DEVICE_INDEX_SIZE];
+    static CONTROL_FUNCTION_LOST_DEVICE_STRUCT* oldestForgettable[NUMBER_CAN_CHANNELS];
+    static CONTROL_FUNCTION_LOST_DEVICE_STRUCT* newestForgettable[NUMBER_CAN_CHANNELS];
+    static uint32_t numberForgettableLostDevices[NUMBER_CAN_CHANNELS];
+
     static void updateInternalControlFunctions();
     static void runFilteredCallbacks(CANMessageClass* message);
     static void callNewControlFunctionCallbacks(ControlFunctionClass* function);

@@ -89,6 +89,13 @@ uint32_t now() {
     return Utilities::Timestamp_ms();
 }
 
+// What an RTS or BAM may announce. Sequence numbers end at 255 packets, so a larger message
+// could never complete: it would only hold its pool blocks (all 50 for 5000 bytes) for as long
+// as its sender kept the sequence going round.
+bool fitsInSession(uint32_t size) {
+    return size <= TransportProtocolClass::MAXIMUM_MESSAGE_SIZE;
+}
+
 uint32_t packetsFor(uint32_t size) {
     return size == 0 ? 0 : (size - 1u) / BYTES_PER_PACKET + 1u;
 }
@@ -742,7 +749,8 @@ bool TransportProtocolClass::processRequestToSend(const CAN_MESSAGE_QUEUE_STRUCT
     const uint8_t page = entry.data[3] < entry.data[4] ? entry.data[3] : entry.data[4];
     session->pageOrRetryCount = page;
     session->stopPacket = page;
-    if (!Pool::NETWORK_MANAGEMENT_MEMORY_POOL.acquireForMessage(
+    if (!fitsInSession(session->totalSize) ||
+        !Pool::NETWORK_MANAGEMENT_MEMORY_POOL.acquireForMessage(
             parameterGroupNumber, from, to, session->totalSize, session->poolHandle,
             session->dataPointer)) {
         releaseSession(*session, true);
@@ -778,7 +786,8 @@ bool TransportProtocolClass::processBroadcastAnnounce(const CAN_MESSAGE_QUEUE_ST
     session->totalSize = static_cast<uint16_t>(entry.data[1] | (entry.data[2] << 8));
     session->stopPacket = entry.data[3];
     session->pageOrRetryCount = 0;
-    if (!Pool::NETWORK_MANAGEMENT_MEMORY_POOL.acquireForMessage(
+    if (!fitsInSession(session->totalSize) ||
+        !Pool::NETWORK_MANAGEMENT_MEMORY_POOL.acquireForMessage(
             parameterGroupNumber, from, nullptr, session->totalSize, session->poolHandle,
             session->dataPointer)) {
         releaseSession(*session, true);
