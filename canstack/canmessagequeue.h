@@ -15,6 +15,13 @@ struct CAN_MESSAGE_QUEUE_STRUCT {
     uint8_t data[8] = {};
 };
 
+// The entry that a protocol last refused to take off the queue.
+struct HeldEntry {
+    uint32_t order = 0;
+    uint32_t since = 0;
+    bool holding = false;
+};
+
 // Bounded queue shared by the protocols between the receive path and their update.
 class CANMessageQueueClass {
 public:
@@ -34,8 +41,13 @@ public:
 
     // Hands up to `limit` received entries of `handle` to `process`, freeing each one it
     // accepts; the first it refuses stays queued for the next round. True if any was found.
-    template <typename Process>
-    bool processReceived(uint32_t handle, uint32_t limit, Process process) {
+    // An entry refused round after round for `holdLimitMs` (its reply can never go out, say,
+    // for a peer or a function of ours without an address) would hold every entry behind it
+    // for good: it is freed after `giveUp` has been told. `held` is the caller's memory of
+    // which entry it refused, and since when.
+    template <typename Process, typename GiveUp>
+    bool processReceived(uint32_t handle, uint32_t limit, Process process, HeldEntry& held,
+                         uint32_t now, uint32_t holdLimitMs, GiveUp giveUp) {
         bool found = false;
         for (uint32_t i = 0; i < limit; ++i) {
             CAN_MESSAGE_QUEUE_STRUCT* entry = getNextReceivedCANMessage(handle);
@@ -44,8 +56,16 @@ public:
             }
             found = true;
             if (!process(*entry)) {
-                break;
+                if (!held.holding || held.order != entry->order) {
+                    held = HeldEntry{entry->order, now, true};
+                    break;
+                }
+                if (now - held.since < holdLimitMs) {
+                    break;
+                }
+                giveUp(*entry);
             }
+            held.holding = false;
             freeReceivedCANMessage(entry);
         }
         return found;

@@ -63,6 +63,9 @@ void ControlFunctionClass::enterTable() {
 }
 
 void ControlFunctionClass::changeNAME(NAMEClass name) {
+    if (name == NAME) {
+        return;
+    }
     NAME = name;
     NetworkManagementClass::refileLostDevice(this);
 }

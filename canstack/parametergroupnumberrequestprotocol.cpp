@@ -143,7 +143,12 @@ void ParameterGroupNumberRequestProtocolClass::update() {
         messagePending =
             CANMessageQueueClass::CAN_MESSAGE_QUEUE.processReceived(
                 queueHandle, MAXIMUM_QUEUE_ENTRIES_PER_UPDATE,
-                [this](CAN_MESSAGE_QUEUE_STRUCT& entry) { return processQueueEntry(entry); })
+                [this](CAN_MESSAGE_QUEUE_STRUCT& entry) { return processQueueEntry(entry); },
+                heldEntry, now(), POINT_TO_POINT_TIMEOUT_MS,
+                [this](CAN_MESSAGE_QUEUE_STRUCT&) {
+                    report(DROPPED_PGN_REQUEST, 2);
+                    ++droppedRequestCount;
+                })
                 ? 1
                 : 0;
     }

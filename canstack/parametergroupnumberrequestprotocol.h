@@ -116,6 +116,7 @@ private:
     uint32_t receivedRequestCount = 0;
     uint8_t messagePending = 0;
     uint8_t sessionsActive = 0;
+    HeldEntry heldEntry;
 };
 
 #endif

@@ -514,6 +514,11 @@ void TransportProtocolClass::update() {
                              queueHandle, MAXIMUM_QUEUE_ENTRIES_PER_UPDATE,
                              [this](CAN_MESSAGE_QUEUE_STRUCT& entry) {
                                  return processTransportProtocolMessage(entry);
+                             },
+                             heldEntry, now(), GENERIC_TIMEOUT_MS,
+                             [this](CAN_MESSAGE_QUEUE_STRUCT&) {
+                                 report(DROPPED_MESSAGE, 2);
+                                 ++droppedMessageCount;
                              })
                              ? 1
                              : 0;

@@ -176,6 +176,7 @@ private:
     uint32_t receivedMessageCount = 0;
     uint8_t messagePending = 0;
     uint8_t sessionsActive = 0;
+    HeldEntry heldEntry;
 };
 
 #endif

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "canstack/canmessagequeue.h"
 #include "canstack/controlfunction.h"
 #include "canstack/networkmanagementmemorypool.h"
 #include "canstack/transportprotocol.h"
@@ -326,4 +327,53 @@ TEST_F(HostileTransferTest, APeerForgottenInTheMiddleOfATransferLeavesNothingDan
     bus.run(2000);
     EXPECT_EQ(sessions(), 0u);
     EXPECT_EQ(usedBlocks(), 0u);
+}
+
+// ---------------------------------------------------------------- frames that cannot be answered
+
+namespace {
+uint32_t queued() {
+    return CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount();
+}
+}  // namespace
+
+TEST_F(HostileTransferTest, AFrameWhoseAbortCanNeverGoOutIsDroppedAfterTheGenericTimeout) {
+    // Someone uses this device's own address: the abort for its garbage would go from this
+    // device to itself, which cannot be built. Found by the fuzzer: it held the queue for good.
+    NM::addGlobalReceiveCallback(IDENTIFICATION, &recordIdentification);
+    from(SELF, SELF, {0x05, 0, 0, 0, 0, 0, 0, 0});
+    bus.update();
+    const uint32_t since = SimulatedBus::now();
+    from(OTHER, 0xFF, announce(BAM, 10, IDENTIFICATION));
+    for (uint32_t heldFor : {1499u, 1500u}) {
+        bus.advance(since + heldFor - SimulatedBus::now());
+        bus.update();
+        EXPECT_EQ(queued(), heldFor < 1500 ? 2u : 0u) << heldFor;
+        EXPECT_EQ(descriptionCount("Transport Protocol", "Dropped Message", 2),
+                  heldFor < 1500 ? 0u : 1u);
+    }
+    EXPECT_EQ(sessions(), 1u);  // the broadcast behind it has its turn
+}
+
+TEST_F(ClaimFloodTest, ARequestThatCanNeverBeAnsweredIsDroppedAfterItsTimeout) {
+    // A function of ours that found no address, put into the table by a claim with its NAME:
+    // the negative acknowledgement to a request for it cannot be built.
+    bus.receiveClaim(0, 0x80, testNAME(1));
+    bus.receiveClaim(0, 0x10, testNAME(2));
+    TestInternalControlFunction stuck(testNAME(9), 0, {0x80});
+    bus.run(1000);
+    ASSERT_EQ(stuck.getClaimState(), CLAIM_STATE_IDLE);
+    bus.receiveClaim(0, 0x50, testNAME(9));
+    ASSERT_EQ(NM::getControlFunction(0, 0x50), &stuck);
+    bus.receive(0, frameIdentifier(6, 0xEA00, 0x50, 0x10), {0x00, 0xEF, 0x00});
+    bus.update();
+    const uint32_t since = SimulatedBus::now();
+    for (uint32_t heldFor : {1499u, 1500u}) {
+        bus.advance(since + heldFor - SimulatedBus::now());
+        bus.update();
+        EXPECT_EQ(queued(), heldFor < 1500 ? 1u : 0u) << heldFor;
+        EXPECT_EQ(
+            descriptionCount("Parameter Group Number Request Protocol", "Dropped PGN Request", 2),
+            heldFor < 1500 ? 0u : 1u);
+    }
 }
