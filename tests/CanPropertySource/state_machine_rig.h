@@ -149,10 +149,14 @@ struct StateMachineRig {
     std::string current() const {
         const int index = machine->currentStateIndex();
         const auto& states = machine->states();
-        return index < 0 ? "" : demangledTypeName(typeid(*states.at(std::size_t(index))).name());
+        if (index < 0) {
+            return "";
+        }
+        const auto& state = *states.at(std::size_t(index));  // typeid of a call is a warning
+        return demangledTypeName(typeid(state).name());
     }
     std::vector<std::string> transitions() const {
-        const std::string prefix = "State machine transitioning to ";
+        const std::string prefix = "INFO State machine transitioning to ";
         std::vector<std::string> result;
         for (const auto& line : log.lines()) {
             if (logtest::startsWith(line, prefix)) {

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "canstack/internalcontrolfunction.h"
@@ -62,12 +65,72 @@ TEST_P(CanStackFreeAddress, ClaimedAfterTheRandomDelayAndTwoHolds) {
 }
 INSTANTIATE_TEST_SUITE_P(StartTimes, CanStackFreeAddress, ::testing::Values(1000u, 0xFFFFFF00u));
 
-TEST(CanStackAddressClaim, RandomDelayStaysWithinRange) {
-    for (uint32_t identity = 0; identity < 300; ++identity) {
-        TestInternalControlFunction cf(testNAME(identity * 7919u), 0, {0x80});
-        EXPECT_LE(cf.getRandomDelay(), 153);
+// The delay depends on the NAME alone, through the sum of its halves, and spans 0 to 153 ms.
+TEST(CanStackAddressClaim, RandomDelayComesFromTheNAME) {
+    const auto delay = [](uint64_t name) {
+        return TestInternalControlFunction(name, 0, {0x80}).getRandomDelay();
+    };
+    uint8_t highest = 0;
+    std::set<uint8_t> byHighHalf;
+    for (uint64_t n = 0; n < 300; ++n) {
+        const uint64_t name = testNAME(static_cast<uint32_t>(n * 7919u));
+        EXPECT_EQ(delay(name), delay(name));
+        EXPECT_EQ(delay(name + (n << 32)), delay(name + n)) << n;
+        byHighHalf.insert(delay(n << 32));
+        highest = std::max(highest, delay(name));
     }
+    EXPECT_LE(highest, 153);
+    EXPECT_GE(highest, 140);
+    EXPECT_GT(byHighHalf.size(), 100u);
 }
+
+// Time spent in each claim state, stepping 1 ms at a time: a state is left at the first update
+// at which its wait has passed, so each timed state lasts exactly its wait.
+struct StateTime {
+    const char* scenario;
+    ClaimState state;
+    uint32_t wait;  // plus the random delay this many times
+    uint32_t delays;
+};
+class CanStackClaimTimes : public ::testing::TestWithParam<StateTime> {};
+
+TEST_P(CanStackClaimTimes, EachStateWaitsExactly) {
+    const StateTime& row = GetParam();
+    const std::string scenario = row.scenario;
+    SimulatedBus bus;
+    bus.update();
+    bus.confirmImmediate = scenario != "unconfirmed";
+    TestInternalControlFunction self(testNAME(100), 0, {0x80});
+    if (scenario == "reclaim") {
+        ASSERT_TRUE(bus.runUntilClaimed(self));
+        bus.confirmImmediate = false;
+        bus.receiveClaim(0, 0x80, testNAME(300));  // a weaker NAME takes our address
+    }
+    ClaimState state = self.getClaimState();
+    uint32_t since = SimulatedBus::now();
+    for (int ms = 0; ms < 2000; ++ms) {
+        bus.advance(1);
+        bus.confirmImmediate ? bus.update() : NetworkManagementClass::update();
+        if (self.getClaimState() != state) {
+            if (state == row.state) {
+                EXPECT_EQ(SimulatedBus::now() - since,
+                          row.wait + row.delays * self.getRandomDelay());
+                return;
+            }
+            state = self.getClaimState();
+            since = SimulatedBus::now();
+        }
+    }
+    ADD_FAILURE() << "never left state " << row.state;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, CanStackClaimTimes,
+    ::testing::Values(StateTime{"free", CLAIM_STATE_RANDOM_WAIT, 0, 1},
+                      StateTime{"free", CLAIM_STATE_CONTENTION_WAIT, 250, 1},
+                      StateTime{"free", CLAIM_STATE_CLAIM_PERIOD, 250, 0},
+                      StateTime{"unconfirmed", CLAIM_STATE_WAIT_FOR_TRANSMIT, 250, 0},
+                      StateTime{"reclaim", CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT, 250, 0}));
 
 TEST_F(CanStackClaimOnBus, NotSelfConfigurableEndsIdleAfterCannotClaim) {
     bus.receiveClaim(0, 0x80, testNAME(1, 1, false));  // lower NAME than ours
@@ -240,6 +303,10 @@ TEST_F(CanStackClaimed, CommandedAddressMovesTheFunction) {
     NM::receiveMessage(&message);
     bus.run(10);
     EXPECT_EQ(self.getAddress(), 0x99);
+    // A command of the wrong length is refused.
+    bus.receive(0, 0x18FED820u, std::vector<uint8_t>(command.begin(), command.begin() + 8));
+    EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in Commanded Address", 1),
+              1u);
     pool.releaseBuffer(handle);
 }
 

@@ -414,3 +414,58 @@ TEST_F(CanStackNetworkOnBus, ComparesChannelsAndCountsDevices) {
     bus.receive(0, 0x18FEF140u, {1});
     EXPECT_EQ(statistics.countDevices(0), devices + 1);
 }
+
+// A time at a limit passes; one a millisecond over it is reported.
+namespace {
+enum Slow { PROTOCOL, RECEIVE, GAP };
+uint32_t slowMs = 0;
+Slow slowPart = GAP;
+struct SlowProtocol : CANProtocolClass {
+    void initialize() override {}
+    void update() override { SimulatedBus::now() += slowPart == PROTOCOL ? slowMs : 0; }
+    void receiveCANMessage(CANMessageClass*) override {}
+};
+struct LimitCase {
+    const char* name;
+    void (Statistics::*setLimit)(uint16_t);
+    Slow slow;
+    const char* owner;
+    const char* text;
+};
+class CanStackLimits : public ::testing::TestWithParam<LimitCase> {};
+}  // namespace
+
+TEST_P(CanStackLimits, OnlyATimeOverTheLimitIsReported) {
+    const LimitCase& c = GetParam();
+    SimulatedBus bus;
+    SlowProtocol protocol;
+    PgnFilter filter(0xFEF1);
+    filter.addCallback(
+        [](CANMessageClass*, ReceiveCANMessageCallbackClass*) {
+            SimulatedBus::now() += slowPart == RECEIVE ? slowMs : 0;
+        },
+        nullptr);
+    bus.update();
+    (Statistics::NETWORK_MANAGEMENT_STATISTICS.*c.setLimit)(5);
+    slowPart = c.slow;
+    for (uint32_t ms : {5u, 6u}) {
+        slowMs = ms;
+        bus.receive(0, 0x18FEF101u, {1});
+        bus.advance(c.slow == GAP ? ms : 0);
+        bus.update();
+        EXPECT_EQ(descriptionCount(c.owner, c.text, 2), ms == 6 ? 1u : 0u) << ms;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, CanStackLimits,
+    ::testing::Values(LimitCase{"Protocol", &Statistics::setProtocolUpdateLimit, PROTOCOL,
+                                "CAN Protocol",
+                                "CAN Protocol Update Execution Time Longer than Acceptable"},
+                      LimitCase{"Update", &Statistics::setUpdateExecutionLimit, PROTOCOL, OWNER,
+                                "Update Execution Time Longer than Acceptable"},
+                      LimitCase{"Service", &Statistics::setUpdateServiceLimit, GAP, OWNER,
+                                "Update Service Time Longer than Acceptable"},
+                      LimitCase{"Receive", &Statistics::setReceiveLimit, RECEIVE, OWNER,
+                                "Receive CAN Message Execution Time Longer than Acceptable"}),
+    [](const auto& info) { return info.param.name; });

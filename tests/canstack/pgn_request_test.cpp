@@ -10,6 +10,7 @@ namespace {
 
 using Protocol = ParameterGroupNumberRequestProtocolClass;
 const char* const OWNER = "Parameter Group Number Request Protocol";
+Protocol& PROTOCOL = Protocol::PARAMETER_GROUP_NUMBER_REQUEST_PROTOCOL;
 
 // What the load callback answers.
 uint32_t loadResult = 1;
@@ -31,8 +32,10 @@ protected:
         bus.update();
     }
     std::vector<SentFrame> acks() const { return bus.framesWithPGN(0xE800); }
-    uint32_t waiting() const {
-        return Protocol::PARAMETER_GROUP_NUMBER_REQUEST_PROTOCOL.getNumberActiveSessions();
+    std::vector<uint32_t> counts() const {
+        return {PROTOCOL.getCannotRespondCount(), PROTOCOL.getDroppedNoSessionCount(),
+                PROTOCOL.getNegativeAcknowledgementCount(),
+                PROTOCOL.getPositiveAcknowledgementCount()};
     }
 };
 
@@ -53,9 +56,12 @@ TEST_F(PgnRequestTest, ServedRequestSendsTheDataAndAGlobalOneIsNeverAcknowledged
     loadResult = 1;
     request(0xFECA, 0xFF);
     request(0xEF00);
-    ASSERT_EQ(bus.framesWithPGN(0xEF00).size(), 1u);
-    EXPECT_EQ(bus.framesWithPGN(0xEF00)[0].pduSpecific(), PEER);
-    EXPECT_EQ(bus.framesWithPGN(0xEF00)[0].data, loadData);
+    request(0xEF00, 0xFF);  // the answer to a global request goes to all
+    const std::vector<SentFrame> data = bus.framesWithPGN(0xEF00);
+    ASSERT_EQ(data.size(), 2u);
+    EXPECT_EQ(data[0].pduSpecific(), PEER);
+    EXPECT_EQ(data[1].pduSpecific(), 0xFF);
+    EXPECT_EQ(data[0].data, loadData);
     EXPECT_EQ(bus.framesWithPGN(0xFECA).size(), 1u);
     EXPECT_TRUE(acks().empty());
 }
@@ -64,17 +70,20 @@ struct AnswerCase {
     const char* name;
     uint8_t destination;
     bool serve;
-    uint32_t loadResult;
-    bool refuseAcks;     // the data is always refused when served
-    uint32_t limit;      // ms until the answer; 0: at once
-    int ackControl;      // -1: none
-    const char* report;  // null: a positive acknowledgement, counted instead
+    uint32_t loadResult;  // the data is always refused when served
+    uint32_t retryLoad;   // what the load callback answers from the retry on
+    bool refuseAcks;
+    uint32_t limit;  // ms until the answer; 0: at once
+    int ackControl;  // -1: none
+    const char* report;
+    int severity;
+    std::vector<uint32_t> counts;  // cannot respond, dropped, negative, positive
 };
 
 class PgnRequestAnswerTest : public PgnRequestTest,
                              public ::testing::WithParamInterface<AnswerCase> {};
 
-TEST_P(PgnRequestAnswerTest, RequestEndsWithItsAcknowledgementAndReport) {
+TEST_P(PgnRequestAnswerTest, RequestEndsWithItsAcknowledgementReportAndCount) {
     const AnswerCase& c = GetParam();
     if (c.serve) {
         serve();
@@ -85,44 +94,127 @@ TEST_P(PgnRequestAnswerTest, RequestEndsWithItsAcknowledgementAndReport) {
         refused.insert(0xE800);
     }
     request(0xFECA, c.destination);
+    loadResult = c.retryLoad;
     if (c.limit > 0) {
         bus.advance(c.limit - 1);
         bus.update();
-        EXPECT_EQ(waiting(), 1u);
+        EXPECT_EQ(PROTOCOL.getNumberActiveSessions(), 1u);
         EXPECT_TRUE(bus.frames.empty());
         bus.advance(1);
-        bus.update();
     }
-    EXPECT_EQ(waiting(), 0u);
-    EXPECT_EQ(Protocol::PARAMETER_GROUP_NUMBER_REQUEST_PROTOCOL.getPositiveAcknowledgementCount(),
-              c.report == nullptr ? 1u : 0u);
+    bus.update();
+    EXPECT_EQ(PROTOCOL.getNumberActiveSessions(), 0u);
+    EXPECT_EQ(counts(), c.counts);
     if (c.report != nullptr) {
-        // Refusals are notices, timeouts worse.
-        EXPECT_EQ(descriptionCount(OWNER, c.report, c.limit > 0 ? 2 : 0), 1u);
+        EXPECT_EQ(descriptionCount(OWNER, c.report, c.severity), 1u);
     }
     if (c.ackControl < 0) {
         EXPECT_TRUE(bus.frames.empty());
     } else {
         ASSERT_EQ(bus.frames.size(), 1u);
         EXPECT_EQ(acks().at(0).pduSpecific(), 0xFF);
+        EXPECT_EQ(acks().at(0).priority(), 6);
         EXPECT_EQ(acks().at(0).data, ack(static_cast<uint8_t>(c.ackControl), 0xFECA));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Answers, PgnRequestAnswerTest,
-                         ::testing::Values(AnswerCase{"NobodyServes", SELF, false, 0, false, 0, 1,
-                                                      "Negative Acknowledgement Response"},
-                                           AnswerCase{"CallbackDeclines", SELF, true, 0, false, 0,
-                                                      1, "Negative Acknowledgement Response"},
-                                           AnswerCase{"CannotRespondForTheMoment", SELF, true, 2,
-                                                      false, 0, 0, nullptr},
-                                           AnswerCase{"UnsentData", SELF, true, 1, false, 1000, 3,
-                                                      "Cannot Respond Response"},
-                                           AnswerCase{"NothingGoes", SELF, true, 1, true, 1500, -1,
-                                                      "PGN Request Dropped Timeout Point to Point"},
-                                           AnswerCase{"UnsentGlobal", 0xFF, true, 1, false, 1000,
-                                                      -1, "PGN Request Dropped Timeout Global"}),
-                         [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Answers, PgnRequestAnswerTest,
+    ::testing::Values(
+        AnswerCase{"NobodyServes",
+                   SELF,
+                   false,
+                   0,
+                   0,
+                   false,
+                   0,
+                   1,
+                   "Negative Acknowledgement Response",
+                   0,
+                   {0, 0, 1, 0}},
+        AnswerCase{"CallbackDeclines",
+                   SELF,
+                   true,
+                   0,
+                   0,
+                   false,
+                   0,
+                   1,
+                   "Negative Acknowledgement Response",
+                   0,
+                   {0, 0, 1, 0}},
+        AnswerCase{
+            "CannotRespondForTheMoment", SELF, true, 2, 2, false, 0, 0, nullptr, 0, {0, 0, 0, 1}},
+        AnswerCase{"UnsentData",
+                   SELF,
+                   true,
+                   1,
+                   1,
+                   false,
+                   1000,
+                   3,
+                   "Cannot Respond Response",
+                   2,
+                   {1, 0, 0, 0}},
+        AnswerCase{"NothingGoes",
+                   SELF,
+                   true,
+                   1,
+                   1,
+                   true,
+                   1500,
+                   -1,
+                   "PGN Request Dropped Timeout Point to Point",
+                   2,
+                   {0, 1, 0, 0}},
+        AnswerCase{"UnsentGlobal",
+                   0xFF,
+                   true,
+                   1,
+                   1,
+                   false,
+                   1000,
+                   -1,
+                   "PGN Request Dropped Timeout Global",
+                   2,
+                   {0, 1, 0, 0}},
+        AnswerCase{"RetryDeclined",
+                   SELF,
+                   true,
+                   1,
+                   0,
+                   false,
+                   0,
+                   1,
+                   "Negative Acknowledgement Response",
+                   0,
+                   {0, 0, 1, 0}},
+        AnswerCase{
+            "RetryLaterForTheMoment", SELF, true, 1, 2, false, 0, 0, nullptr, 0, {0, 0, 0, 1}},
+        AnswerCase{"GlobalRetryDeclined", 0xFF, true, 1, 0, false, 0, -1, nullptr, 0, {0, 0, 0, 0}},
+        AnswerCase{"InvalidLoadResult",
+                   SELF,
+                   true,
+                   7,
+                   7,
+                   false,
+                   0,
+                   -1,
+                   "Load PGN Invalid State",
+                   2,
+                   {0, 0, 0, 0}},
+        AnswerCase{"InvalidOnRetry",
+                   SELF,
+                   true,
+                   1,
+                   7,
+                   false,
+                   0,
+                   -1,
+                   "Load PGN Invalid State",
+                   2,
+                   {0, 0, 0, 0}}),
+    [](const auto& info) { return info.param.name; });
 
 TEST_F(PgnRequestTest, AddressClaimRequestIsLeftToTheClaimProcedure) {
     serve();
@@ -138,7 +230,7 @@ TEST_F(PgnRequestTest, RepeatedRequestRenewsTheWaitingSessionInsteadOfSendingTwi
     request(0xFECA);
     bus.advance(600);
     request(0xFECA, SELF, OTHER);  // a broadcast group's answer reaches every requester
-    EXPECT_EQ(waiting(), 1u);
+    EXPECT_EQ(PROTOCOL.getNumberActiveSessions(), 1u);
     bus.advance(600);  // 1200 ms after the first try, 600 after the renewal
     bus.update();
     EXPECT_TRUE(acks().empty());
@@ -146,19 +238,29 @@ TEST_F(PgnRequestTest, RepeatedRequestRenewsTheWaitingSessionInsteadOfSendingTwi
     bus.update();
     bus.update();
     EXPECT_EQ(bus.framesWithPGN(0xFECA).size(), 1u);
-    EXPECT_EQ(waiting(), 0u);
+    EXPECT_EQ(PROTOCOL.getNumberActiveSessions(), 0u);
 }
 
-TEST_F(PgnRequestTest, EleventhWaitingRequestGetsCannotRespondAtOnce) {
+// The eleventh waiting request finds no session: a specific one is told at once, a global one
+// is dropped.
+class EleventhRequestTest : public PgnRequestTest, public ::testing::WithParamInterface<bool> {};
+TEST_P(EleventhRequestTest, FindsNoSession) {
+    const bool global = GetParam();
     serve();
     for (uint32_t pgn = 0xFF00; pgn <= 0xFF0A; ++pgn) {
         refused.insert(pgn);
-        request(pgn);
+        request(pgn, global ? 0xFF : SELF);
     }
-    ASSERT_EQ(acks().size(), 1u);  // and only for the last
-    EXPECT_EQ(acks()[0].data, ack(3, 0xFF0A));
-    EXPECT_EQ(descriptionCount(OWNER, "Cannot Respond Response", 2), 1u);
+    EXPECT_EQ(acks().size(), global ? 0u : 1u);
+    if (!global) {
+        EXPECT_EQ(acks()[0].data, ack(3, 0xFF0A));
+    }
+    EXPECT_EQ(counts(), (std::vector<uint32_t>{global ? 0u : 1u, global ? 1u : 0u, 0, 0}));
+    EXPECT_EQ(descriptionCount(OWNER, "Cannot Respond Response", 2), global ? 0u : 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "PGN Request Dropped No Sessions Available", 2),
+              global ? 1u : 0u);
 }
+INSTANTIATE_TEST_SUITE_P(Kinds, EleventhRequestTest, ::testing::Bool());
 
 TEST_F(PgnRequestTest, UnsentAcknowledgementLeavesTheRequestQueued) {
     refused = {0xE800};
@@ -168,4 +270,5 @@ TEST_F(PgnRequestTest, UnsentAcknowledgementLeavesTheRequestQueued) {
     bus.update();
     EXPECT_EQ(acks().size(), 1u);
     EXPECT_EQ(CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount(), 0u);
+    EXPECT_EQ(PROTOCOL.getReceivedRequestCount(), 1u);
 }

@@ -122,9 +122,10 @@ public:
     }
 
     std::vector<SentFrame> frames;
-    bool acceptTransmits = true;  // false: the transmit function refuses
-    bool confirmSuccess = true;   // result given to transmitComplete
-    bool deferQueued = true;      // queued frames wait for confirmPending
+    bool acceptTransmits = true;   // false: the transmit function refuses
+    bool confirmSuccess = true;    // result given to transmitComplete
+    bool deferQueued = true;       // queued frames wait for confirmPending
+    bool confirmImmediate = true;  // false: immediate frames wait like queued ones
 
 private:
     static SimulatedBus*& current() {
@@ -146,7 +147,7 @@ private:
                 std::vector<uint8_t>(data, data + message->getDataLength()),
                 message->isImmediate()});
         }
-        if (message->isImmediate() || !bus->deferQueued) {
+        if ((message->isImmediate() && bus->confirmImmediate) || !bus->deferQueued) {
             NetworkManagementClass::transmitComplete(message, written && bus->confirmSuccess);
             return written;
         }

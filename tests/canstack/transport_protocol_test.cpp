@@ -182,6 +182,7 @@ TEST_P(TransportReceiveTest, PeerMessageIsReassembledPageByPage) {
     step(
         [&](const SentFrame& frame) {
             EXPECT_EQ(frame.pduSpecific(), PEER);
+            EXPECT_EQ(frame.priority(), 6);
             if (frame.data[0] == CTS) {
                 packets(frame.data[2], std::min(total, frame.data[2] + frame.data[1] - 1u),
                         message);
@@ -215,20 +216,6 @@ TEST_F(TransportTest, BroadcastIsReassembledAndASecondOneFromTheSameSourceIgnore
     bus.update();
     EXPECT_EQ(delivered, (Frames{message}));
     EXPECT_TRUE(bus.frames.empty());
-}
-
-TEST_F(TransportTest, AbortForAnotherPgnEndsNothing) {
-    control(sized(RTS, 30));
-    bus.update();
-    control(abortFrame(3, 0xEE00));
-    bus.update();
-    EXPECT_EQ(descriptionCount(OWNER, "Connection Abort Message Received", 2), 1u);
-    EXPECT_EQ(sessions(), 1u);
-    control(abortFrame(3));
-    bus.update();
-    EXPECT_EQ(descriptionCount(OWNER, "Receive Session Aborted", 2), 1u);
-    EXPECT_EQ(sessions(), 0u);
-    EXPECT_TRUE(sent(ABORT).empty());
 }
 
 // ---------------------------------------------------------------- ends of sessions
@@ -338,6 +325,73 @@ INSTANTIATE_TEST_SUITE_P(
                               0, 5, 0, "CTS Retry Limit Exceeded"}),
     caseName);
 
+// ---------------------------------------------------------------- refusals
+
+struct RefusalCase {
+    const char* name;
+    uint8_t opening;      // NONE, RTS: 300 bytes from the peer, SEND: 300 bytes to the peer
+    Frames peer;          // in one update: control frames, or data packets by sequence alone
+    uint8_t destination;  // of the peer's frames
+    Frames aborts;        // sent from here
+    const char* report;
+    uint8_t severity;
+    uint32_t sessions;  // left
+};
+using TransportRefusalTest = TransportCaseTest<RefusalCase>;
+
+TEST_P(TransportRefusalTest, FrameIsAnsweredWithItsAbortAndReport) {
+    const RefusalCase& c = GetParam();
+    const std::vector<uint8_t> message = pattern(300);
+    if (c.opening == SEND) {
+        ASSERT_EQ(send(&message, 300), 0u);
+    } else if (c.opening == RTS) {
+        control(sized(RTS, 300));
+    }
+    bus.update();
+    for (const std::vector<uint8_t>& frame : c.peer) {
+        if (frame.size() == 1) {
+            packets(frame[0], frame[0], message, c.destination);
+        } else {
+            control(frame, c.destination);
+        }
+    }
+    bus.update();
+    EXPECT_EQ(sent(ABORT), c.aborts);
+    EXPECT_EQ(descriptionCount(OWNER, c.report, c.severity), 1u);
+    EXPECT_EQ(sessions(), c.sessions);
+    const bool ended = c.opening == SEND && c.sessions == 0;
+    EXPECT_EQ(completions, (ended ? Results{{handle, false}} : Results()));
+}
+
+const std::vector<uint8_t> CTS_ALL = cm(CTS, 43, 1, 0xFF);
+const std::vector<uint8_t> UNKNOWN = cm(5, 0, 0, 0);
+constexpr uint8_t ALL_NODES = 0xFF;
+constexpr uint32_t NO_PGN = 0xFFFFFF;
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusals, TransportRefusalTest,
+    ::testing::Values(
+        // clang-format off
+        RefusalCase{"RtsToGlobal", NONE, Frames{sized(RTS, 30)}, ALL_NODES, Frames(), "RTS to Global", 0, 0},
+        RefusalCase{"CtsToGlobal", NONE, Frames{CTS_ALL}, ALL_NODES, Frames(), "CTS to Global", 0, 0},
+        RefusalCase{"EomToGlobal", NONE, Frames{sized(EOM, 30)}, ALL_NODES, Frames(), "EOM Acknowledgement to Global", 0, 0},
+        RefusalCase{"UnknownToGlobal", NONE, Frames{UNKNOWN}, ALL_NODES, Frames(), "Invalid Command Multiplexor", 1, 0},
+        RefusalCase{"CtsNotInSession", NONE, Frames{CTS_ALL}, SELF, Frames{abortFrame(254, NO_PGN)}, "CTS Not in Session", 0, 0},
+        RefusalCase{"EomNotInSession", NONE, Frames{sized(EOM, 30)}, SELF, Frames{abortFrame(254, NO_PGN)}, "EOM Acknowledgement Not in Session", 0, 0},
+        RefusalCase{"BamPointToPoint", NONE, Frames{sized(BAM, 30)}, SELF, Frames{abortFrame(254)}, "BAM Point to Point", 0, 0},
+        RefusalCase{"DataBeforeCts", NONE, Frames{sized(RTS, 30), {1}}, SELF, Frames{abortFrame(6)}, "Receive Data Not Ready for Data", 0, 0},
+        RefusalCase{"RtsAlreadyInSession", RTS, Frames{sized(RTS, 30)}, SELF, Frames{abortFrame(1)}, "RTS Already in Session", 0, 1},
+        RefusalCase{"UnknownEndsSessions", RTS, Frames{UNKNOWN}, SELF, Frames{abortFrame(254, NO_PGN)}, "Invalid Command Multiplexor", 1, 0},
+        RefusalCase{"PeerAbortsAnotherPgn", RTS, Frames{abortFrame(3, 0xEE00)}, SELF, Frames(), "Connection Abort Message Received", 2, 1},
+        RefusalCase{"PeerAbortsReceive", RTS, Frames{abortFrame(3)}, SELF, Frames(), "Receive Session Aborted", 2, 0},
+        RefusalCase{"PeerAbortsTransmit", SEND, Frames{abortFrame(3)}, SELF, Frames(), "Transmit Session Aborted", 2, 0},
+        RefusalCase{"CtsPgnMismatch", SEND, Frames{cm(CTS, 3, 1, 0xFF, 0xEE00)}, SELF, Frames{abortFrame(254)}, "CTS PGN Mismatch", 0, 0},
+        RefusalCase{"CtsBeyondTheMessage", SEND, Frames{cm(CTS, 44, 1, 0xFF)}, SELF, Frames{abortFrame(254)}, "CTS Packets to be sent invalid", 0, 0},
+        RefusalCase{"CtsWhileSending", SEND, Frames{CTS_ALL, CTS_ALL}, SELF, Frames{abortFrame(4)}, "CTS while in Data Transfer", 0, 0},
+        RefusalCase{"EomBeforeTheData", SEND, Frames{sized(EOM, 300)}, SELF, Frames{abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0}),
+    // clang-format on
+    caseName);
+
 // ---------------------------------------------------------------- send side
 
 struct SendCase {
@@ -367,6 +421,7 @@ TEST_P(TransportSendTest, PeerGetsEveryByteInOrderAndTheEomCompletes) {
     step(
         [&](const SentFrame& frame) {
             EXPECT_EQ(frame.pduSpecific(), PEER);
+            EXPECT_EQ(frame.priority(), frame.pgn() == 0xEC00 ? 6 : 7);
             if (frame.pgn() == 0xEC00) {
                 EXPECT_EQ(frame.data, sized(RTS, c.size));
                 grant(1);

@@ -10,6 +10,7 @@
 #include <log4cplus/appender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
+#include <log4cplus/loglevel.h>
 #include <log4cplus/spi/loggingevent.h>
 
 namespace logtest {
@@ -26,12 +27,13 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // Every message in order; ERROR and above carry an "ERROR " prefix.
+    // Every line in order as "LEVEL message", e.g. "INFO Starting": a line at the wrong level
+    // does not compare equal.
     std::vector<std::string> lines() const {
         std::vector<std::string> result;
         for (const auto& line : snapshot()) {
-            const char* prefix = line.first >= log4cplus::ERROR_LOG_LEVEL ? "ERROR " : "";
-            result.push_back(prefix + line.second);
+            result.push_back(log4cplus::getLogLevelManager().toString(line.first) + " " +
+                             line.second);
         }
         return result;
     }
@@ -46,11 +48,11 @@ public:
         return result;
     }
     std::vector<std::string> errors() const { return messagesAt(log4cplus::ERROR_LOG_LEVEL); }
-    // How often this exact entry of lines() was logged.
-    long count(const std::string& line) const {
+    // How often this message was logged, at any level.
+    long count(const std::string& message) const {
         long n = 0;
-        for (const auto& l : lines()) {
-            n += (l == line) ? 1 : 0;
+        for (const auto& line : snapshot()) {
+            n += (line.second == message) ? 1 : 0;
         }
         return n;
     }
