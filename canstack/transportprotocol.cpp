@@ -111,6 +111,21 @@ void putPGN(uint8_t* data, uint32_t parameterGroupNumber) {
     data[7] = static_cast<uint8_t>(parameterGroupNumber >> 16);
 }
 
+bool sent(uint32_t result) {
+    return result == SEND_SUCCESS;
+}
+
+// A reply to a received frame is done with once it went out, and also once it is clear that
+// it cannot be built: the peer has no address, or it is this very function (someone sends
+// with our address). Kept for a retry, the frame would hold every frame behind it in the
+// queue. Only while our own function has no valid address yet, as in its claim period, is
+// the reply worth another try.
+bool settled(uint32_t result) {
+    return result == SEND_SUCCESS || (result >= TRANSMIT_STATUS_DESTINATION_INVALID &&
+                                      result <= TRANSMIT_STATUS_STANDARD_OUT_OF_RANGE &&
+                                      result != TRANSMIT_STATUS_SOURCE_ADDRESS_INVALID);
+}
+
 // Frames of this protocol only ever leave from one of this device's control functions.
 InternalControlFunctionClass* asInternal(ControlFunctionClass* function) {
     return (function != nullptr && function->getType() == 0)
@@ -449,8 +464,8 @@ void TransportProtocolClass::sendData(TransportProtocolSession& session) {
         uint8_t packet[8];
         if (!getNextDataPacket(session, packet)) {
             if (!broadcast &&
-                !sendConnectionAbort(session.source, session.destination, ABORT_NO_RESOURCES,
-                                     session.parameterGroupNumber)) {
+                !sent(sendConnectionAbort(session.source, session.destination, ABORT_NO_RESOURCES,
+                                          session.parameterGroupNumber))) {
                 return;
             }
             report(TRANSMIT_DATA_FAILED_NEXT_PACKET, 2);
@@ -482,24 +497,24 @@ void TransportProtocolClass::sendData(TransportProtocolSession& session) {
 
 // ---- Frames out ----
 
-bool TransportProtocolClass::sendConnectionManagement(ControlFunctionClass* from,
-                                                      ControlFunctionClass* to,
-                                                      const uint8_t* data) {
-    return NetworkManagementClass::sendParameterGroupNumber(
-               PGN_TP_CONNECTION_MANAGEMENT, data, 8, asInternal(from), to,
-               CONNECTION_MANAGEMENT_PRIORITY) == SEND_SUCCESS;
+uint32_t TransportProtocolClass::sendConnectionManagement(ControlFunctionClass* from,
+                                                          ControlFunctionClass* to,
+                                                          const uint8_t* data) {
+    return NetworkManagementClass::sendParameterGroupNumber(PGN_TP_CONNECTION_MANAGEMENT, data, 8,
+                                                            asInternal(from), to,
+                                                            CONNECTION_MANAGEMENT_PRIORITY);
 }
 
-bool TransportProtocolClass::sendConnectionAbort(ControlFunctionClass* from,
-                                                 ControlFunctionClass* to, uint8_t reason,
-                                                 uint32_t parameterGroupNumber) {
+uint32_t TransportProtocolClass::sendConnectionAbort(ControlFunctionClass* from,
+                                                     ControlFunctionClass* to, uint8_t reason,
+                                                     uint32_t parameterGroupNumber) {
     uint8_t data[8] = {CONTROL_ABORT, reason, 0xFF, 0xFF, 0xFF};
     putPGN(data, parameterGroupNumber);
     return sendConnectionManagement(from, to, data);
 }
 
-bool TransportProtocolClass::sendClearToSend(const TransportProtocolSession& session,
-                                             uint8_t packets, uint8_t nextPacket) {
+uint32_t TransportProtocolClass::sendClearToSend(const TransportProtocolSession& session,
+                                                 uint8_t packets, uint8_t nextPacket) {
     uint8_t data[8] = {CONTROL_CLEAR_TO_SEND, packets, nextPacket, 0xFF, 0xFF};
     putPGN(data, session.parameterGroupNumber);
     // Receiving side: this device is the session's destination.
@@ -539,12 +554,12 @@ void TransportProtocolClass::updateSession(TransportProtocolSession& session) {
     switch (session.state) {
         case SESSION_STATE_SEND_CLEAR_TO_SEND:
             if (session.poolHandle == NO_HANDLE && session.dataPointer == nullptr) {
-                if (sendConnectionAbort(session.destination, session.source, ABORT_NO_RESOURCES,
-                                        session.parameterGroupNumber)) {
+                if (sent(sendConnectionAbort(session.destination, session.source,
+                                             ABORT_NO_RESOURCES, session.parameterGroupNumber))) {
                     releaseSession(session, true);
                     report(RTS_REQUEST_MEMORY_POOL_FAILURE, 2);
                 }
-            } else if (sendClearToSend(session, session.pageOrRetryCount, 1)) {
+            } else if (sent(sendClearToSend(session, session.pageOrRetryCount, 1))) {
                 session.timestamp = now();
                 session.state = SESSION_STATE_RECEIVE_DATA;
             }
@@ -558,8 +573,8 @@ void TransportProtocolClass::updateSession(TransportProtocolSession& session) {
                 const uint32_t limit =
                     pageStarted ? RECEIVE_PACKET_TIMEOUT_MS : RECEIVE_PAGE_TIMEOUT_MS;
                 if (Utilities::timeElapsed(session.timestamp, limit) &&
-                    sendConnectionAbort(session.destination, session.source, ABORT_TIMEOUT,
-                                        session.parameterGroupNumber)) {
+                    sent(sendConnectionAbort(session.destination, session.source, ABORT_TIMEOUT,
+                                             session.parameterGroupNumber))) {
                     releaseSession(session, true);
                     report(RECEIVE_DATA_TIMEOUT, 2);
                 }
@@ -574,7 +589,7 @@ void TransportProtocolClass::updateSession(TransportProtocolSession& session) {
                                static_cast<uint8_t>(session.totalSize >> 8),
                                static_cast<uint8_t>(packetsFor(session.totalSize)), 0xFF};
             putPGN(data, session.parameterGroupNumber);
-            if (sendConnectionManagement(session.source, session.destination, data)) {
+            if (sent(sendConnectionManagement(session.source, session.destination, data))) {
                 session.timestamp = now();
                 session.state =
                     broadcast ? SESSION_STATE_SEND_DATA : SESSION_STATE_WAIT_FOR_CLEAR_TO_SEND;
@@ -586,8 +601,8 @@ void TransportProtocolClass::updateSession(TransportProtocolSession& session) {
             const uint32_t limit = session.stopPacket == 0 ? HOLD_CLEAR_TO_SEND_TIMEOUT_MS
                                                            : WAIT_CLEAR_TO_SEND_TIMEOUT_MS;
             if (Utilities::timeElapsed(session.timestamp, limit) &&
-                sendConnectionAbort(session.source, session.destination, ABORT_TIMEOUT,
-                                    session.parameterGroupNumber)) {
+                sent(sendConnectionAbort(session.source, session.destination, ABORT_TIMEOUT,
+                                         session.parameterGroupNumber))) {
                 releaseSession(session, true);
                 report(WAIT_CLEAR_TO_SEND_TIMEOUT, 2);
             }
@@ -598,8 +613,8 @@ void TransportProtocolClass::updateSession(TransportProtocolSession& session) {
             break;
         case SESSION_STATE_WAIT_FOR_END_OF_MESSAGE:
             if (Utilities::timeElapsed(session.timestamp, WAIT_END_OF_MESSAGE_TIMEOUT_MS) &&
-                sendConnectionAbort(session.source, session.destination, ABORT_TIMEOUT,
-                                    session.parameterGroupNumber)) {
+                sent(sendConnectionAbort(session.source, session.destination, ABORT_TIMEOUT,
+                                         session.parameterGroupNumber))) {
                 releaseSession(session, true);
                 report(WAIT_FOR_ACKNOWLEDGEMENT_TIMEOUT, 2);
             }
@@ -653,7 +668,8 @@ bool TransportProtocolClass::processDataPacket(const CAN_MESSAGE_QUEUE_STRUCT& e
                                                InternalControlFunctionClass* to) {
     TransportProtocolSession* session = findSession(from, to);
     if (session == nullptr) {
-        if (to != nullptr && !sendConnectionAbort(to, from, ABORT_UNEXPECTED_DATA, NO_PGN)) {
+        if (to != nullptr &&
+            !settled(sendConnectionAbort(to, from, ABORT_UNEXPECTED_DATA, NO_PGN))) {
             return false;
         }
         report(RECEIVE_DATA_NOT_IN_SESSION, 0);
@@ -662,7 +678,7 @@ bool TransportProtocolClass::processDataPacket(const CAN_MESSAGE_QUEUE_STRUCT& e
     // Any refusal below ends the session; without an abort sent it is tried again.
     const auto fail = [&](uint8_t reason, const char* text, uint8_t severity) {
         if (to != nullptr &&
-            !sendConnectionAbort(to, from, reason, session->parameterGroupNumber)) {
+            !settled(sendConnectionAbort(to, from, reason, session->parameterGroupNumber))) {
             return false;
         }
         releaseSession(*session, true);
@@ -695,8 +711,8 @@ bool TransportProtocolClass::processDataPacket(const CAN_MESSAGE_QUEUE_STRUCT& e
         } else if (to == nullptr) {
             session->packetCount = count;
         } else {
-            if (!sendClearToSend(*session, session->pageOrRetryCount,
-                                 static_cast<uint8_t>(count + 1u))) {
+            if (!settled(sendClearToSend(*session, session->pageOrRetryCount,
+                                         static_cast<uint8_t>(count + 1u)))) {
                 return false;
             }
             session->timestamp = now();
@@ -712,7 +728,7 @@ bool TransportProtocolClass::processDataPacket(const CAN_MESSAGE_QUEUE_STRUCT& e
                            static_cast<uint8_t>(session->totalSize >> 8),
                            static_cast<uint8_t>(packetsFor(session->totalSize)), 0xFF};
         putPGN(data, session->parameterGroupNumber);
-        if (!sendConnectionManagement(to, from, data)) {
+        if (!settled(sendConnectionManagement(to, from, data))) {
             return false;
         }
     }
@@ -733,8 +749,8 @@ bool TransportProtocolClass::processRequestToSend(const CAN_MESSAGE_QUEUE_STRUCT
     }
     const uint32_t parameterGroupNumber = pgnFromBytes(entry.data);
     if (TransportProtocolSession* running = findSession(from, to)) {
-        if (!sendConnectionAbort(to, from, ABORT_ALREADY_IN_SESSION,
-                                 running->parameterGroupNumber)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_ALREADY_IN_SESSION,
+                                         running->parameterGroupNumber))) {
             return false;
         }
         report(RTS_ALREADY_IN_SESSION, 0);
@@ -743,7 +759,7 @@ bool TransportProtocolClass::processRequestToSend(const CAN_MESSAGE_QUEUE_STRUCT
     TransportProtocolSession* session = takeSession(from, to);
     if (session == nullptr) {
         // An abort that names no session carries no PGN.
-        if (!sendConnectionAbort(to, from, ABORT_NO_RESOURCES, NO_PGN)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_NO_RESOURCES, NO_PGN))) {
             return false;
         }
         report(RTS_NO_SESSIONS, 2);
@@ -772,7 +788,7 @@ bool TransportProtocolClass::processBroadcastAnnounce(const CAN_MESSAGE_QUEUE_ST
                                                       InternalControlFunctionClass* to) {
     const uint32_t parameterGroupNumber = pgnFromBytes(entry.data);
     if (to != nullptr) {
-        if (!sendConnectionAbort(to, from, ABORT_OTHER, parameterGroupNumber)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_OTHER, parameterGroupNumber))) {
             return false;
         }
         report(BAM_POINT_TO_POINT, 0);
@@ -814,14 +830,14 @@ bool TransportProtocolClass::processClearToSend(const CAN_MESSAGE_QUEUE_STRUCT& 
     const uint32_t parameterGroupNumber = pgnFromBytes(entry.data);
     TransportProtocolSession* session = findSession(to, from);
     if (session == nullptr) {
-        if (!sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN))) {
             return false;
         }
         report(CTS_NOT_IN_SESSION, 0);
         return true;
     }
     const auto fail = [&](uint8_t reason, const char* text, uint8_t severity) {
-        if (!sendConnectionAbort(to, from, reason, session->parameterGroupNumber)) {
+        if (!settled(sendConnectionAbort(to, from, reason, session->parameterGroupNumber))) {
             return false;
         }
         releaseSession(*session, true);
@@ -882,7 +898,7 @@ bool TransportProtocolClass::processEndOfMessage(const CAN_MESSAGE_QUEUE_STRUCT&
     const uint32_t parameterGroupNumber = pgnFromBytes(entry.data);
     TransportProtocolSession* session = findSession(to, from);
     if (session == nullptr) {
-        if (!sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN))) {
             return false;
         }
         report(EOM_NOT_IN_SESSION, 0);
@@ -895,7 +911,7 @@ bool TransportProtocolClass::processEndOfMessage(const CAN_MESSAGE_QUEUE_STRUCT&
         releaseSession(*session, false);
         return true;
     }
-    if (!sendConnectionAbort(to, from, ABORT_OTHER, session->parameterGroupNumber)) {
+    if (!settled(sendConnectionAbort(to, from, ABORT_OTHER, session->parameterGroupNumber))) {
         return false;
     }
     releaseSession(*session, true);
@@ -924,7 +940,7 @@ bool TransportProtocolClass::processAbort(const CAN_MESSAGE_QUEUE_STRUCT& entry,
 bool TransportProtocolClass::processInvalidCommand(ControlFunctionClass* from,
                                                    InternalControlFunctionClass* to) {
     if (to != nullptr) {
-        if (!sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN)) {
+        if (!settled(sendConnectionAbort(to, from, ABORT_OTHER, NO_PGN))) {
             return false;
         }
         if (TransportProtocolSession* receiving = findSession(from, to)) {

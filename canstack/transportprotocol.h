@@ -163,12 +163,13 @@ private:
     bool getNextDataPacket(TransportProtocolSession& session, uint8_t* packet);
     uint32_t getNextDataPage(TransportProtocolSession& session);
 
-    static bool sendConnectionAbort(ControlFunctionClass* from, ControlFunctionClass* to,
-                                    uint8_t reason, uint32_t parameterGroupNumber);
-    static bool sendConnectionManagement(ControlFunctionClass* from, ControlFunctionClass* to,
-                                         const uint8_t* data);
-    static bool sendClearToSend(const TransportProtocolSession& session, uint8_t packets,
-                                uint8_t nextPacket);
+    // These return the result code of the send.
+    static uint32_t sendConnectionAbort(ControlFunctionClass* from, ControlFunctionClass* to,
+                                        uint8_t reason, uint32_t parameterGroupNumber);
+    static uint32_t sendConnectionManagement(ControlFunctionClass* from, ControlFunctionClass* to,
+                                             const uint8_t* data);
+    static uint32_t sendClearToSend(const TransportProtocolSession& session, uint8_t packets,
+                                    uint8_t nextPacket);
 
     TransportProtocolSession sessions[MAXIMUM_NUMBER_TRANSPORT_PROTOCOL_SESSIONS];
     uint32_t droppedMessageCount = 0;
