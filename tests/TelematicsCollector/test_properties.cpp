@@ -49,30 +49,6 @@ TEST(Property, SwapHandsOverExactlyWhatArrivedSinceTheLastSwap) {
     EXPECT_TRUE(property.flushedSamples().empty());
 }
 
-std::vector<std::string> names(const std::vector<PropertyBase*>& list) {
-    std::vector<std::string> result;
-    for (const PropertyBase* property : list) {
-        result.push_back(property->name);
-    }
-    return result;
-}
-
-TEST(Properties, ListsHoldTheirMembersInOrder) {
-    Properties properties;
-    using Names = std::vector<std::string>;
-    EXPECT_EQ(names(properties.engineProperties),
-              (Names{"rpm", "percentLoadAtCurrentSpeed", "percentLoadOfTotalTorque",
-                     "fuelConsumptionRate", "coolantTemperature", "engineOilPressure",
-                     "engineOilTemperature", "transmissionOilTemperature", "defLevel", "hours",
-                     "fuelLevel"}));
-    EXPECT_EQ(names(properties.summaryProperties),
-              (Names{"rpm", "fuelConsumptionRate", "defLevel", "hours", "fuelLevel"}));
-    EXPECT_EQ(names(properties.codeProperties), Names{"manufacturerCode"});
-    EXPECT_EQ(names(properties.userSelectedProperties),
-              (Names{"userSelected_manufacturer", "userSelected_model"}));
-    EXPECT_EQ(names(properties.detectedProperties), (Names{"manufacturer", "model"}));
-}
-
 TEST(Properties, FlushLogsEverySampleOnceWithItsType) {
     Properties properties;
     auto manager = std::make_shared<Manager>(std::vector<nvsf::telemalog::Sink*>{});

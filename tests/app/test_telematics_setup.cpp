@@ -7,18 +7,6 @@
 
 namespace {
 
-TEST(TelematicsConfig, DefaultsAreTheServiceValues) {
-    const TelematicsConfig config;
-    EXPECT_EQ(config.periodMs, 30000);
-    // The order is the bus numbering and must not be sorted.
-    EXPECT_THAT(config.channels, ::testing::ElementsAre("can2", "can3", "can1"));
-    EXPECT_EQ(config.machineFilePath, "/etc/norvane/telematics/machine.json");
-    EXPECT_EQ(config.detectedMachineFilePath, "/etc/norvane/telematics/detectedMachine.json");
-    EXPECT_EQ(config.iceHost, "localhost");
-    EXPECT_EQ(config.icePort, 9090);
-    EXPECT_EQ(config.zmqEndpoint, "tcp://*:4499");
-}
-
 TEST(TelematicsSchema, IsRegisteredInTheGeneratedPool) {
     registerTelematicsSchema();
     const auto* pool = google::protobuf::DescriptorPool::generated_pool();

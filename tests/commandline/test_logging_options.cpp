@@ -97,13 +97,6 @@ TEST(CommandLineLogProperties, EveryKeyAndValue) {
     EXPECT_EQ(actual, expected);
 }
 
-TEST(LoggingPaths, DefaultsAreTheInstalledOnes) {
-    const LoggingPaths paths;
-    EXPECT_EQ(paths.installedConfig, "/etc/norvane/tilthwatch/log4cplus.ini");
-    EXPECT_EQ(paths.fallbackConfig, "/etc/norvane/tilthwatch/log4cplus.default.ini");
-    EXPECT_EQ(paths.logFile, "/var/log/tilthwatch/tilthwatch");
-}
-
 // The packaged fallback: a rolling file in the log folder plus the console, in the system's
 // pattern.
 TEST(PackagedConfiguration, RollingFileAndConsoleInTheSystemPattern) {

@@ -150,15 +150,6 @@ TEST(Timestamps, WrapThroughThirtyTwoBits) {
     EXPECT_EQ(now, static_cast<int32_t>(now));
 }
 
-TEST(ManagerSeeding, ConstructionReseedsRand) {
-    std::srand(1);
-    const std::vector<int> fixedSeed = {std::rand(), std::rand(), std::rand()};
-    std::srand(1);
-    Manager manager(std::vector<Sink*>{});
-    const std::vector<int> afterManager = {std::rand(), std::rand(), std::rand()};
-    EXPECT_NE(afterManager, fixedSeed);
-}
-
 struct FailingSink : Sink {
     void log(const ValueMap&) override { throw std::runtime_error("sink failed"); }
 };
