@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and runs every test: all tests under AddressSanitizer and UndefinedBehaviorSanitizer,
-# then the threaded tests again under ThreadSanitizer.
+# then the threaded tests again under ThreadSanitizer, then each fuzz target for 30 s.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,3 +20,6 @@ echo "== ThreadSanitizer build (threaded tests)"
 cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DTILTHWATCH_TSAN=ON >/dev/null
 cmake --build build/tsan -j"$jobs"
 (cd build/tsan && ctest --output-on-failure -j"$jobs" -L threaded --no-tests=ignore)
+
+echo "== Fuzzing (each target 30 s)"
+./tools/fuzz.sh 30
