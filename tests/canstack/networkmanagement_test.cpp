@@ -170,7 +170,7 @@ TEST(CanStackNetworkManagement, RejectRecordWinsInEitherOrder) {
     }
 }
 
-TEST(CanStackNetworkManagement, FilterFieldsAndSetterRules) {
+TEST(CanStackNetworkManagement, FilterSettersRefuseWhatIsSetOrOutOfRange) {
     FilteredMessageMatchingCallbackClass filter;
     EXPECT_TRUE(filter.setChannel(1));
     EXPECT_FALSE(filter.setChannel(2));  // already set
@@ -184,43 +184,74 @@ TEST(CanStackNetworkManagement, FilterFieldsAndSetterRules) {
     EXPECT_FALSE(filter.clearDataBits(0xFFFFFFF0u, 32));
     EXPECT_FALSE(filter.setParameterGroupNumber(0xEF01));
     EXPECT_FALSE(filter.setParameterGroupNumber(0x40000));
-    EXPECT_TRUE(filter.setPriority(6));
     EXPECT_FALSE(filter.setPriority(8));
-    const uint8_t match[3] = {0x00, 0xBC, 0x0A};
-    const uint8_t other[3] = {0x00, 0xBC, 0x0B};
-    const uint8_t shorter[1] = {0x00};
-    EXPECT_TRUE(matches(filter, 1, 0x18FEF101u, match, 3, 1));
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, match, 3, 0));
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, other, 3, 1));
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF101u, shorter, 1, 1));
-    EXPECT_FALSE(matches(filter, 1, 0x0CFEF101u, match, 3, 1));
-
+    EXPECT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8));
     FilteredMessageMatchingCallbackClass standard;
     ASSERT_TRUE(standard.setIdentifierType(0));
     EXPECT_FALSE(standard.setPDUFormat(0xFE));  // identifier fields need extended frames
-    EXPECT_TRUE(standard.setIdentifier(0x123));
-    EXPECT_TRUE(matches(standard, 0, 0x123, match, 3, 2));
     EXPECT_TRUE(standard.removeFilterRecord(0));
     EXPECT_FALSE(standard.setChannel(0));  // nothing selected
-    EXPECT_FALSE(matches(standard, 0, 0x123, match, 3, 2));
 }
 
-TEST_F(CanStackNetworkOnBus, FilterOnSourceNAMEFallsBackToTheAddress) {
-    bus.receiveClaim(0, 0x10, testNAME(1, 93));
-    FilteredMessageMatchingCallbackClass filter;
-    ASSERT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
-    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1));
-    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8));
-    const uint8_t data[1] = {0};
-    EXPECT_TRUE(matches(filter, 1, 0x18FEF110u, data, 1, 0));
-    // Without a known NAME a zero address mask rejects, a set one decides.
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF120u, data, 1, 0));
-    ASSERT_TRUE(filter.setSourceAddress(0x20));
-    EXPECT_TRUE(matches(filter, 1, 0x18FEF120u, data, 1, 0));
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF121u, data, 1, 0));
-    bus.receiveClaim(0, 0x11, testNAME(2, 94));
-    EXPECT_FALSE(matches(filter, 1, 0x18FEF111u, data, 1, 0));
+// One field set, one frame: 0x10 is NAME A (manufacturer 93, function 5), 0x11 is NAME B
+// (manufacturer 94, function 6), 0x20 has made no claim.
+struct FilterCase {
+    const char* name;
+    bool (*set)(FilteredMessageMatchingCallbackClass&);
+    uint8_t type;  // 0 standard, 1 extended
+    uint32_t identifier;
+    uint8_t length;
+    uint8_t channel;
+    bool matches;
+};
+using Filter = FilteredMessageMatchingCallbackClass;
+class CanStackFilterMatch : public BusTest, public ::testing::WithParamInterface<FilterCase> {};
+
+TEST_P(CanStackFilterMatch, FieldDecides) {
+    const FilterCase& c = GetParam();
+    for (uint8_t address : {0x10, 0x11}) {
+        NAMEClass name(testNAME(address, address == 0x10 ? 93 : 94));
+        name.setFunction(address == 0x10 ? 5 : 6);
+        bus.receiveClaim(0, address, name.getNAME());
+    }
+    Filter filter;
+    ASSERT_TRUE(c.set(filter));
+    const uint8_t data[8] = {0x00, 0xBC, 0x0A, 0, 0, 0, 0, 0};
+    EXPECT_EQ(matches(filter, c.type, c.identifier, data, c.length, c.channel), c.matches);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, CanStackFilterMatch,
+    ::testing::Values(
+        // clang-format off
+        FilterCase{"Pgn", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF120, 8, 0, true},
+        FilterCase{"PgnOther", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF220, 8, 0, false},
+        FilterCase{"Channel", [](Filter& f) { return f.setChannel(1); }, 1, 0x18FEF120, 8, 0, false},
+        FilterCase{"Priority", [](Filter& f) { return f.setPriority(6); }, 1, 0x18FEF120, 8, 0, true},
+        FilterCase{"PriorityOther", [](Filter& f) { return f.setPriority(6); }, 1, 0x0CFEF120, 8, 0, false},
+        FilterCase{"DataBits", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 3, 0, true},
+        FilterCase{"DataBitsOther", [](Filter& f) { return f.setDataBits(8, 12, 0xABB); }, 1, 0x18FEF120, 3, 0, false},
+        FilterCase{"DataBitsBeyondTheData", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 2, 0, false},
+        FilterCase{"DataLength", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 3, 0, true},
+        FilterCase{"DataLengthOther", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 4, 0, false},
+        FilterCase{"MessageType", [](Filter& f) { return f.setMessageType(1); }, 1, 0x18FEF120, 8, 0, true},
+        FilterCase{"MessageTypeLong", [](Filter& f) { return f.setMessageType(0); }, 1, 0x18FEF120, 8, 0, false},
+        FilterCase{"StandardIdentifier", [](Filter& f) { return f.setIdentifierType(0) && f.setIdentifier(0x123); }, 0, 0x123, 8, 2, true},
+        FilterCase{"StandardOnly", [](Filter& f) { return f.setIdentifierType(0); }, 1, 0x18FEF120, 8, 0, false},
+        FilterCase{"SourceNAME", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF110, 8, 0, true},
+        FilterCase{"SourceNAMEOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF111, 8, 0, false},
+        FilterCase{"SourceNAMEUnknown", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF120, 8, 0, false},
+        FilterCase{"UnknownNAMEByAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF120, 8, 0, true},
+        FilterCase{"UnknownNAMEOtherAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF121, 8, 0, false},
+        FilterCase{"SourceFunction", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 5); }, 1, 0x18FEF110, 8, 0, true},
+        FilterCase{"SourceFunctionOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 5); }, 1, 0x18FEF111, 8, 0, false},
+        FilterCase{"DestinationNAME", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1110, 8, 0, true},
+        FilterCase{"DestinationNAMEOther", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1011, 8, 0, false},
+        FilterCase{"DestinationNAMEBroadcast", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18FEF110, 8, 0, false}),
+    // clang-format on
+    [](const auto& info) { return info.param.name; });
 
 TEST_F(CanStackNetworkOnBus, CallbackRemovingItselfOrItsFilterEndsTheWalkForThatMessage) {
     static PgnFilter* filter = nullptr;
