@@ -42,7 +42,7 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
         {kGeneric, M, 0xF004, {X, X, 125, X, X, X}, {{"percentLoadOfTotalTorque", 0.0}}},
         {kGeneric, M, 0xF004, {X, X, 0}, {{"percentLoadOfTotalTorque", 4294967171.0}}},  // wraps
         {kGeneric, M, 0xF004, {X, X, 125, 0}, {{"percentLoadOfTotalTorque", 0.0}}},  // rpm cut off
-        {kGeneric, M, 0xFEF2, {0x10, 0, X, X}, {{"fuelConsumptionRate", 0.8}}},
+        {kGeneric, M, 0xFEF2, {0xE0, 1, X, X}, {{"fuelConsumptionRate", 24.0}}},
         {kGeneric, M, 0xFEEE, {0xFE, X, X, X}, {{"coolantTemperature", 214.0}}},
         {kGeneric, M, 0xFEEE, {39, X, X, X}, {{"coolantTemperature", 4294967295.0}}},
         {kGeneric, M, 0xFEEE, {X, X, 0x21, 0x26}, {{"engineOilTemperature", 32.03125}}},
@@ -50,7 +50,7 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
         {kGeneric, M, 0xFEEF, {X, X, X, 250}, {{"engineOilPressure", 1000.0}}},
         {kGeneric, M, 0xFEF8, {X, X, X, X, 0x21, 0x26}, {{"transmissionOilTemperature", 32.03125}}},
         {kGeneric, M, 0xFE56, {200}, {{"defLevel", 80.0}}}, {kGeneric, M, 0xFEE5, {X, X, X, 0}, {}},
-        {kGeneric, M, 0xFEE5, {0x10, 0, 0, 0x55}, {{"hours", 0.8}}},  // top byte not read
+        {kGeneric, M, 0xFEE5, {4, 0, 1, 0x55}, {{"hours", 3277.0}}},  // top byte not read
         {kGeneric, M, 0xFEE5, {0x10}, {}},  // a field cut off by a short frame
         {kGeneric, M, 0xFEFC, {X, 100}, {{"fuelLevel", 40.0}}}, {kGeneric, M, 0xFEFC, {0, X}, {}},
         {kClass3, M, 0xFF12, {0, 0, 0x34, 0x12, X, 0}, {{"hours", 4660.0}}},
