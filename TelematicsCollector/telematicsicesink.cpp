@@ -15,22 +15,30 @@ namespace {
 
 log4cplus::Logger logger = log4cplus::Logger::getInstance("tilthwatch.telematicsicesink");
 
-constexpr int kTimeoutMs = 20000;
 constexpr int kBufferSize = 512;
+// A reply holds the method name and a number, or an error text. A garbled reply can announce a
+// string of gigabytes, which would be allocated before the read fails.
+constexpr int32_t kReplyStringLimit = 64 * 1024;
+constexpr int32_t kReplyContainerLimit = 1024;
 
 }  // namespace
 
 TelematicsIceSink::TelematicsIceSink(
     std::vector<std::shared_ptr<TelematicsMessageConstructor>> constructors,
-    const std::string& host, int port)
+    const std::string& host, int port, int timeoutMs)
     : constructors(std::move(constructors)),
       socket(std::make_shared<apache::thrift::transport::TSocket>(host, port)) {
-    socket->setConnTimeout(kTimeoutMs);
-    socket->setRecvTimeout(kTimeoutMs);
-    socket->setSendTimeout(kTimeoutMs);
+    socket->setConnTimeout(timeoutMs);
+    socket->setRecvTimeout(timeoutMs);
+    socket->setSendTimeout(timeoutMs);
+    freshBuffers();
+}
+
+void TelematicsIceSink::freshBuffers() {
     transport = std::make_shared<apache::thrift::transport::TBufferedTransport>(socket, kBufferSize,
                                                                                 kBufferSize);
-    protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport);
+    protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
+        transport, kReplyStringLimit, kReplyContainerLimit, false, true);
     client = std::make_shared<ice::IceClient>(protocol);
 }
 
@@ -66,9 +74,13 @@ void TelematicsIceSink::sendToIce(std::string type, std::string body) {
         } catch (const apache::thrift::TApplicationException& e) {
             LOG4CPLUS_ERROR(logger, "Failed to send telematics to ice: " << e.what() << outcome);
         }
-        if (transport->isOpen()) {
-            transport->close();
+        // A failed attempt can leave a request half written or a reply half read in the
+        // buffers. Closing through the transport would flush the rest into a broken
+        // connection, and throw from here; the next connection must not see either.
+        if (socket->isOpen()) {
+            socket->close();
         }
+        freshBuffers();
         if (attempt >= retries) {
             return;
         }

@@ -18,10 +18,13 @@ class TelematicsIceSink : public nvsf::telemalog::Sink {
 public:
     static constexpr const char* kDefaultHost = "localhost";
     static constexpr int kDefaultPort = 9090;
+    // Connect, receive and send timeouts alike.
+    static constexpr int kDefaultTimeoutMs = 20000;
 
     explicit TelematicsIceSink(
         std::vector<std::shared_ptr<TelematicsMessageConstructor>> constructors,
-        const std::string& host = kDefaultHost, int port = kDefaultPort);
+        const std::string& host = kDefaultHost, int port = kDefaultPort,
+        int timeoutMs = kDefaultTimeoutMs);
     ~TelematicsIceSink() override;
 
     using nvsf::telemalog::Sink::log;
@@ -30,6 +33,9 @@ public:
     void sendToIce(std::string type, std::string body);
 
 private:
+    // New transport, protocol and client over the same socket.
+    void freshBuffers();
+
     std::vector<std::shared_ptr<TelematicsMessageConstructor>> constructors;
     std::shared_ptr<apache::thrift::transport::TSocket> socket;
     std::shared_ptr<apache::thrift::transport::TBufferedTransport> transport;

@@ -20,18 +20,25 @@ log4cplus::Logger logger = log4cplus::Logger::getInstance("telemalog.sinks.ice")
 constexpr int kConnectTimeoutMs = 30000;
 constexpr int kReceiveTimeoutMs = 2000;
 constexpr int kSendTimeoutMs = 2000;
+// A reply holds the method name and a number, or an error text. A garbled reply can announce a
+// string of gigabytes, which would be allocated before the read fails.
+constexpr int32_t kReplyStringLimit = 64 * 1024;
+constexpr int32_t kReplyContainerLimit = 1024;
 
 }  // namespace
 
-IceSink::IceSink(const std::string& host, int port)
-    : socket(std::make_shared<apache::thrift::transport::TSocket>(host, port)),
-      host(host),
-      port(port) {
+IceSink::IceSink(const std::string& host, int port) : host(host), port(port) {
+    socket = std::make_shared<apache::thrift::transport::TSocket>(this->host, this->port);
     socket->setConnTimeout(kConnectTimeoutMs);
     socket->setRecvTimeout(kReceiveTimeoutMs);
     socket->setSendTimeout(kSendTimeoutMs);
+    freshBuffers();
+}
+
+void IceSink::freshBuffers() {
     transport = std::make_shared<apache::thrift::transport::TBufferedTransport>(socket);
-    protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport);
+    protocol = std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
+        transport, kReplyStringLimit, kReplyContainerLimit, false, true);
     client = std::make_shared<ice::IceClient>(protocol);
 }
 
@@ -42,9 +49,12 @@ IceSink::~IceSink() {
 
 bool IceSink::connect() {
     try {
-        if (transport->isOpen()) {
-            transport->close();
+        // A failed send can leave a request half written or a reply half read in the buffers;
+        // the new connection starts without them, and nothing is flushed into the old one.
+        if (socket->isOpen()) {
+            socket->close();
         }
+        freshBuffers();
         transport->open();
         LOG4CPLUS_INFO(logger, "Thrift ICE Connection successful.");
         return true;
@@ -116,6 +126,8 @@ bool IceSink::send(const std::string& type, const std::vector<ice::eDataType::ty
             return true;
         } catch (const apache::thrift::protocol::TProtocolException& e) {
             LOG4CPLUS_ERROR(logger, "Thrift Protocol Error on Send: " << e.what());
+            // Not sent again, but the stream is out of step: the next send needs a new one.
+            connect();
             return false;
         } catch (const apache::thrift::transport::TTransportException& e) {
             LOG4CPLUS_ERROR(logger, "Thrift Transport Error on Send: " << e.what());

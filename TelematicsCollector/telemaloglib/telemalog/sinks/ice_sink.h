@@ -32,6 +32,9 @@ public:
     virtual void disconnect();
 
 private:
+    // New transport, protocol and client over the same socket.
+    void freshBuffers();
+
     std::shared_ptr<ice::IceClient> client;
     std::shared_ptr<apache::thrift::transport::TSocket> socket;
     std::shared_ptr<apache::thrift::transport::TBufferedTransport> transport;
