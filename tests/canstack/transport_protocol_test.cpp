@@ -294,35 +294,23 @@ Frames packetsIn(S... sequences) {
 
 INSTANTIATE_TEST_SUITE_P(
     Ends, TransportEndTest,
-    ::testing::Values(EndCase{"ReceiveDuplicate", RTS, packetsIn(1, 2, 2), CONFIRM, list<uint8_t>(),
-                              0, 8, 0, "Receive Data Duplicate Sequence Number"},
-                      EndCase{"ReceiveSkipped", RTS, packetsIn(1, 3), CONFIRM, list<uint8_t>(), 0,
-                              7, 0, "Receive Data Bad Sequence Number"},
-                      EndCase{"ReceiveOutsideSession", NONE, packetsIn(1), CONFIRM, list<uint8_t>(),
-                              0, 6, 0, "Receive Data Not in Session"},
-                      EndCase{"ReceiveFirstPacketOfPage", RTS, Frames(), CONFIRM, list<uint8_t>(),
-                              1250, 3, 2, "Receive Data Timeout"},
-                      EndCase{"ReceiveWithinPage", RTS, packetsIn(1, 2), CONFIRM, list<uint8_t>(),
-                              750, 3, 2, "Receive Data Timeout"},
-                      EndCase{"ReceiveBroadcast", BAM, packetsIn(1), CONFIRM, list<uint8_t>(), 750,
-                              0, 2, "Receive Data Timeout"},
-                      EndCase{"ReceiveAbortNotSent", RTS, Frames(), REFUSE_ABORT, list<uint8_t>(),
-                              1500, 0, 2, "Generic Timeout"},
-                      EndCase{"SendNoCts", SEND, Frames(), CONFIRM, list<uint8_t>(), 1250, 3, 2,
-                              "Wait Clear to Send Timeout"},
-                      EndCase{"SendCtsOfZeroPackets", SEND, Frames(1, cm(CTS, 0, 1, 0xFF)), CONFIRM,
-                              list<uint8_t>(), 1050, 3, 2, "Wait Clear to Send Timeout"},
-                      EndCase{"SendNoEom", SEND, Frames(1, ALL), CONFIRM, range(1, 43), 1250, 3, 2,
-                              "Wait for Acknowledgement Timeout"},
-                      EndCase{"SendTwentyPacketsInFlight", SEND, Frames(1, ALL), NO_CONFIRM,
-                              range(1, 20), 1500, 0, 2, "Generic Timeout"},
-                      // A pool copy moves its page on and cannot go back before it.
-                      EndCase{"SendRetryThirdTimeInARow", SEND_KEPT, Frames(4, FIRST), CONFIRM,
-                              list<uint8_t>(1, 2, 3, 1, 2, 3, 1, 2, 3), 0, 5, 0,
-                              "CTS Retry Limit Exceeded"},
-                      EndCase{"SendRetryBeforeThePageStart", SEND,
-                              list<Frames::value_type>(FIRST, SECOND, FIRST), CONFIRM, range(1, 6),
-                              0, 5, 0, "CTS Retry Limit Exceeded"}),
+    ::testing::Values(
+        // clang-format off
+        EndCase{"ReceiveDuplicate", RTS, packetsIn(1, 2, 2), CONFIRM, list<uint8_t>(), 0, 8, 0, "Receive Data Duplicate Sequence Number"},
+        EndCase{"ReceiveSkipped", RTS, packetsIn(1, 3), CONFIRM, list<uint8_t>(), 0, 7, 0, "Receive Data Bad Sequence Number"},
+        EndCase{"ReceiveOutsideSession", NONE, packetsIn(1), CONFIRM, list<uint8_t>(), 0, 6, 0, "Receive Data Not in Session"},
+        EndCase{"ReceiveFirstPacketOfPage", RTS, Frames(), CONFIRM, list<uint8_t>(), 1250, 3, 2, "Receive Data Timeout"},
+        EndCase{"ReceiveWithinPage", RTS, packetsIn(1, 2), CONFIRM, list<uint8_t>(), 750, 3, 2, "Receive Data Timeout"},
+        EndCase{"ReceiveBroadcast", BAM, packetsIn(1), CONFIRM, list<uint8_t>(), 750, 0, 2, "Receive Data Timeout"},
+        EndCase{"ReceiveAbortNotSent", RTS, Frames(), REFUSE_ABORT, list<uint8_t>(), 1500, 0, 2, "Generic Timeout"},
+        EndCase{"SendNoCts", SEND, Frames(), CONFIRM, list<uint8_t>(), 1250, 3, 2, "Wait Clear to Send Timeout"},
+        EndCase{"SendCtsOfZeroPackets", SEND, Frames(1, cm(CTS, 0, 1, 0xFF)), CONFIRM, list<uint8_t>(), 1050, 3, 2, "Wait Clear to Send Timeout"},
+        EndCase{"SendNoEom", SEND, Frames(1, ALL), CONFIRM, range(1, 43), 1250, 3, 2, "Wait for Acknowledgement Timeout"},
+        EndCase{"SendTwentyPacketsInFlight", SEND, Frames(1, ALL), NO_CONFIRM, range(1, 20), 1500, 0, 2, "Generic Timeout"},
+        // A pool copy moves its page on and cannot go back before it.
+        EndCase{"SendRetryThirdTimeInARow", SEND_KEPT, Frames(4, FIRST), CONFIRM, list<uint8_t>(1, 2, 3, 1, 2, 3, 1, 2, 3), 0, 5, 0, "CTS Retry Limit Exceeded"},
+        EndCase{"SendRetryBeforeThePageStart", SEND, list<Frames::value_type>(FIRST, SECOND, FIRST), CONFIRM, range(1, 6), 0, 5, 0, "CTS Retry Limit Exceeded"}),
+    // clang-format on
     caseName);
 
 // ---------------------------------------------------------------- refusals
