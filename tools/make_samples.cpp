@@ -259,6 +259,11 @@ void addEngine(Log& log, const Engine& e) {
                  [&](int) { return Bytes{hours[0], hours[1], hours[2], hours[3], x, x, x, x}; });
     log.periodic(bus, extendedId(6, 0xFEFC, e.dashboard), 1000,
                  [&](int) { return Bytes{x, e.fuelLevel, x, x, x, x, x, x}; });
+    // The log ends as the engine hours tick by 0.05 h: a replay that loses its last frame
+    // shows the old value.
+    const Bytes ticked = littleEndian(e.hours + 1, 4);
+    log.frame(log.phases().end, bus, extendedId(6, 0xFEE5, e.address),
+              {ticked[0], ticked[1], ticked[2], ticked[3], x, x, x, x});
 }
 
 // A terminal asks all nodes for their claims; each answers with its NAME.
@@ -308,6 +313,9 @@ void casePatriot(const std::string& directory) {
     log.periodic(bus, extendedId(6, 0xFF12, 0x27), 100, [&](int at) {
         return Bytes{x, x, 0xD4, 0x04, static_cast<std::uint8_t>(log.value(fuel, at)), 0x14, x, x};
     });
+    // Last of all, the hour turns: 1237 (0x04D5).
+    log.frame(log.phases().end + 1, bus, extendedId(6, 0xFF12, 0x27),
+              {x, x, 0xD5, 0x04, static_cast<std::uint8_t>(fuel.final), 0x14, x, x});
     log.write(directory + "/case-patriot-can3.log");
 }
 

@@ -123,6 +123,21 @@ TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
     EXPECT_EQ(run.bodies(), std::vector<std::string>{"{}"});
 }
 
+// Logs given together play as if recorded together: by their timestamps, not one after the
+// other. The machine bus is the one whose engine speaks first.
+TEST(ReplayInput, LogsAreMergedByTheirTimestamps) {
+    ReplayRun run;
+    clitest::writeFile(run.path("a.log"),
+                       // The first frame played comes before the stack's first update.
+                       "(1700000001.000000) can1 18FEFC80#FF64FFFFFFFFFFFF\n"
+                       "(1700000001.100000) can2 0CF00400#F18A88781F00F0FF\n");
+    clitest::writeFile(run.path("b.log"), "(1700000001.050000) can3 0CF00400#F18A88781F00F0FF\n");
+    ASSERT_EQ(run.run({run.path("a.log"), run.path("b.log")}), 0) << run.err;
+    EXPECT_NE(run.out.find("Setting default CAN bus to: MACHINE_500K"), std::string::npos)
+        << run.out;
+    EXPECT_EQ(run.out.find("MACHINE_250K"), std::string::npos) << run.out;
+}
+
 // Standard input is read as it comes: a bad line there ends the replay, with status 2 though
 // the service has been running.
 TEST(ReplayInput, MalformedLineOnStandardInputEndsWithStatus2) {

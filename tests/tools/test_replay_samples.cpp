@@ -5,10 +5,12 @@
 // The samples are built so that each signal has one frame at its highest and one at its
 // lowest value, both after identification has ended, and a steady last value: so the record's
 // min, max and cur are those frames' values, read here from the raw bytes in the log (values
-// of two bytes are little-endian: B01D is 0x1DB0).
+// of two bytes are little-endian: B01D is 0x1DB0). Each log ends with a frame whose engine
+// hours have just ticked: it is in the record only if the replay delivered its last frame.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ostream>
 #include <string>
@@ -60,7 +62,7 @@ const Sample kSamples[] = {
      R"({"detected":{"manufacturer":"CaseIH","model":"Patriot 2250 T4B"},"manufacturerCode":"213",)",
      "CaseIH",
      {"Setting default CAN bus to: MACHINE_500K",
-      "Received pgn message 0xf004 from ECU with manufacturer code 213",
+      "from ECU with manufacturer code 213",  // 0xF004 or 0xFEF2, whichever comes first
       "Detecting Case model number 0x14 from 0xff12 message",
       "State machine transitioning to CasePatriotClass3PropertyReader"},
      {
@@ -75,8 +77,9 @@ const Sample kSamples[] = {
          {"transmissionOilTemperature", temperature(0x2AA0), temperature(0x2BF0),
           temperature(0x2B80)},
          {"defLevel", 0xAF * 0.4, 0xB7 * 0.4, 0xB2 * 0.4},  // 18FE5600 byte 0: 12 s, 7 s
-         // 18FF1227 bytes 2-3, whole hours: 0x04D4 in every frame. Not 18FEE500's 1235.45 h.
-         {"hours", 0x4D4, 0x4D4, 0x4D4},
+         // 18FF1227 bytes 2-3, whole hours: 0x04D4, and 0x04D5 in the last frame of the log.
+         // Not 18FEE500's 1235.45 h.
+         {"hours", 0x4D4, 0x4D5, 0x4D5},
          // 18FF1227 byte 4: 10.5 s, 7 s. Not 18FEFC27's 60 %.
          {"fuelLevel", patriotFuel(0x6C), patriotFuel(0x73), patriotFuel(0x6F)},
      }},
@@ -102,7 +105,8 @@ const Sample kSamples[] = {
          {"transmissionOilTemperature", temperature(0x2B00), temperature(0x2C20),
           temperature(0x2BC0)},
          {"defLevel", 0x91 * 0.4, 0x99 * 0.4, 0x94 * 0.4},
-         {"hours", 0x0153F8 * 0.05, 0x0153F8 * 0.05, 0x0153F8 * 0.05},  // 18FEE500 bytes 0-2
+         // 18FEE500 bytes 0-2; one more in the last frame of the log.
+         {"hours", 0x0153F8 * 0.05, 0x0153F9 * 0.05, 0x0153F9 * 0.05},
          // can1 18FEFC80 byte 1: 11 s, 9 s. Not can2's 18FEFC00 at 80 %.
          {"fuelLevel", 0xB6 * 0.4, 0xBF * 0.4, 0xB9 * 0.4},
      }},
@@ -129,7 +133,7 @@ const Sample kSamples[] = {
           temperature(0x2B40)},
          {"defLevel", 0x73 * 0.4, 0x7B * 0.4, 0x76 * 0.4},
          // The standard groups: 18FEE500 bytes 0-2 and 18FEFC00 byte 1, not 18FF1200.
-         {"hours", 0x00F17A * 0.05, 0x00F17A * 0.05, 0x00F17A * 0.05},
+         {"hours", 0x00F17A * 0.05, 0x00F17B * 0.05, 0x00F17B * 0.05},
          {"fuelLevel", 0x6E * 0.4, 0x6E * 0.4, 0x6E * 0.4},
      }},
     {"CumminsOnCan3FromStandardInput",
@@ -152,7 +156,7 @@ const Sample kSamples[] = {
          {"transmissionOilTemperature", temperature(0x2B20), temperature(0x2C40),
           temperature(0x2BE0)},
          {"defLevel", 0xCD * 0.4, 0xD5 * 0.4, 0xD0 * 0.4},
-         {"hours", 0x0061FE * 0.05, 0x0061FE * 0.05, 0x0061FE * 0.05},
+         {"hours", 0x0061FE * 0.05, 0x0061FF * 0.05, 0x0061FF * 0.05},
          {"fuelLevel", 0xAF * 0.4, 0xAF * 0.4, 0xAF * 0.4},
      }},
 };
