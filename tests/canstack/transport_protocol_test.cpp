@@ -380,6 +380,23 @@ INSTANTIATE_TEST_SUITE_P(
     // clang-format on
     caseName);
 
+// Ten peers hold every session: the eleventh RTS is refused by an abort naming no PGN, the
+// eleventh BAM only noted.
+TEST_F(TransportTest, NoFreeSession) {
+    for (uint8_t peer = 0x40; peer <= 0x4A; ++peer) {
+        bus.receiveClaim(0, peer, testNAME(peer));
+        bus.receive(0, frameIdentifier(6, 0xEC00, SELF, peer), sized(RTS, 30));
+        bus.update();
+    }
+    bus.receive(0, frameIdentifier(6, 0xEC00, 0xFF, 0x4A), sized(BAM, 30));
+    bus.update();
+    EXPECT_EQ(sessions(), 10u);
+    EXPECT_EQ(sent(ABORT), (Frames{abortFrame(2, 0xFFFFFF)}));
+    EXPECT_EQ(bus.framesWithPGN(0xEC00).back().pduSpecific(), 0x4A);
+    EXPECT_EQ(descriptionCount(OWNER, "RTS No Sessions Available", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "BAM No Sessions Available", 2), 1u);
+}
+
 // ---------------------------------------------------------------- send side
 
 struct SendCase {
