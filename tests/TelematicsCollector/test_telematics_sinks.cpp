@@ -160,7 +160,6 @@ TEST(TelematicsZmqSink, PublishesTheBodyWithItsZeroByte) {
 TEST(TelematicsZmqSink, SecondSinkOnTheSameEndpointFailsAtConstruction) {
     TelematicsZmqSink first(Constructors{std::make_shared<FixedConstructor>("", "ETS 0")},
                             "tcp://127.0.0.1:*");
-    EXPECT_NO_THROW(first.log(ValueMap()));  // nobody subscribed: the frame is lost quietly
     EXPECT_THROW(TelematicsZmqSink(Constructors{}, first.boundEndpoint()), zmq::error_t);
 }
 

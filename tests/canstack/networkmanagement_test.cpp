@@ -195,8 +195,8 @@ TEST(CanStackNetworkManagement, FilterSettersRefuseWhatIsSetOrOutOfRange) {
     EXPECT_FALSE(standard.setChannel(0));  // nothing selected
 }
 
-// One field set, one frame: 0x10 is NAME A (manufacturer 93, function 5), 0x11 is NAME B
-// (manufacturer 94, function 6), 0x20 has made no claim.
+// One field set, one frame: 0x10 is NAME A (manufacturer 93, function 0x85), 0x11 is NAME B
+// (manufacturer 94, function 0x05), 0x20 has made no claim.
 struct FilterCase {
     const char* name;
     bool (*set)(FilteredMessageMatchingCallbackClass&);
@@ -213,7 +213,7 @@ TEST_P(CanStackFilterMatch, FieldDecides) {
     const FilterCase& c = GetParam();
     for (uint8_t address : {0x10, 0x11}) {
         NAMEClass name(testNAME(address, address == 0x10 ? 93 : 94));
-        name.setFunction(address == 0x10 ? 5 : 6);
+        name.setFunction(address == 0x10 ? 0x85 : 0x05);
         bus.receiveClaim(0, address, name.getNAME());
     }
     Filter filter;
@@ -245,8 +245,8 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{"SourceNAMEUnknown", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF120, 8, 0, false},
         FilterCase{"UnknownNAMEByAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF120, 8, 0, true},
         FilterCase{"UnknownNAMEOtherAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF121, 8, 0, false},
-        FilterCase{"SourceFunction", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 5); }, 1, 0x18FEF110, 8, 0, true},
-        FilterCase{"SourceFunctionOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 5); }, 1, 0x18FEF111, 8, 0, false},
+        FilterCase{"SourceFunction", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF110, 8, 0, true},
+        FilterCase{"SourceFunctionOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF111, 8, 0, false},
         FilterCase{"DestinationNAME", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1110, 8, 0, true},
         FilterCase{"DestinationNAMEOther", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1011, 8, 0, false},
         FilterCase{"DestinationNAMEBroadcast", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18FEF110, 8, 0, false}),
