@@ -367,6 +367,8 @@ TEST_F(CanStackNetworkClaimed, TransmitResultsAreCountedAndReported) {
     const uint8_t data[2] = {1, 2};
     const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
     const uint32_t sent = statistics.getTransmittedCount(0);
+    const uint32_t bits = statistics.getTransmittedBits(0);
+    const uint32_t stuffed = statistics.getTransmittedStuffedBits(0);
     NM::sendParameterGroupNumber(0xFEF1, data, 2, &self, nullptr, 6, false, nullptr, completion);
     bus.confirmSuccess = false;
     NM::sendParameterGroupNumber(0xFEF1, data, 2, &self, nullptr, 6, false, nullptr, completion);
@@ -379,7 +381,9 @@ TEST_F(CanStackNetworkClaimed, TransmitResultsAreCountedAndReported) {
     EXPECT_EQ(results, (std::vector<bool>{false, false, true}));
     EXPECT_EQ(statistics.getTransmittedCount(0), sent + 1);
     EXPECT_EQ(statistics.getTransmitFailures(0), 2u);
-    EXPECT_GT(statistics.getTransmittedBits(0), 0u);
+    // One extended frame of two bytes: 64 + 16 bits, 75 + 16 + 3 with stuffing.
+    EXPECT_EQ(statistics.getTransmittedBits(0) - bits, 80u);
+    EXPECT_EQ(statistics.getTransmittedStuffedBits(0) - stuffed, 94u);
 }
 
 TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
@@ -392,6 +396,7 @@ TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
     EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
     EXPECT_FLOAT_EQ(statistics.getAverageReceivedPerSecond(1), 2.0f);
     EXPECT_EQ(statistics.getReceivedBits(1), 20u * (64u + 32u));
+    EXPECT_EQ(statistics.getReceivedStuffedBits(1), 20u * (75u + 32u + 6u));
     bus.advance(500);
     bus.update();
     EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
