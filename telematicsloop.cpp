@@ -161,8 +161,8 @@ void runTelematicsLoop(const TelematicsConfig& config) {
     auto recordConstructor = std::make_shared<MachineTelematicsMessageConstructor>(properties);
     std::vector<std::shared_ptr<TelematicsMessageConstructor>> recordConstructors{
         recordConstructor};
-    auto iceSink =
-        std::make_shared<TelematicsIceSink>(recordConstructors, config.iceHost, config.icePort);
+    auto iceSink = std::make_shared<TelematicsIceSink>(recordConstructors, config.iceHost,
+                                                       config.icePort, config.iceTimeoutMs);
     sinks.push_back(iceSink);
 
     auto statusConstructor =

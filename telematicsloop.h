@@ -17,6 +17,8 @@ struct TelematicsConfig {
     std::string detectedMachineFilePath = "/etc/norvane/telematics/detectedMachine.json";
     std::string iceHost = "localhost";
     int icePort = 9090;
+    // Connect, receive and send timeouts of each attempt to reach the Ice service.
+    int iceTimeoutMs = 20000;
     std::string zmqEndpoint = "tcp://*:4499";
     // The device registration file, source of the serial number in the node's NAME.
     std::string deviceRegistrationPath = "/etc/norvane/registration.conf";

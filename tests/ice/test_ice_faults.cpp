@@ -1,16 +1,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TelematicsCollector/telematicsicesink.h"
 #include "ice/faulty_ice_server.h"
 #include "ice/ice_test_server.h"
 #include "support/log_capture.h"
+#include "telemalog/sinks/collecting_sink.h"
 #include "telemalog/sinks/ice_sink.h"
+#include "telematicsloop.h"
 
 using icetest::Fault;
 using icetest::FaultyIceServer;
@@ -245,6 +252,66 @@ TEST(IceFaults, LibraryIceSinkStartsCleanAfterAGarbledReply) {
         EXPECT_THAT(capture.errors(), ElementsAreArray({r.second}));
         EXPECT_EQ(server.received().size(), 2u);
     }
+}
+
+}  // namespace
+
+namespace {
+
+// The run loop with the service answering late for one record: that pass takes the period
+// plus three timeouts, the record still reaches the other sinks, the next passes keep the
+// period, and the next record is delivered.
+TEST(IceFaults, RunLoopKeepsItsPeriodWhileTheServiceStalls) {
+    blockStopSignals();  // before any thread exists, so only the loop takes SIGTERM
+    const milliseconds period{400};
+    const milliseconds timeout{150};
+    const Fault late = Fault::late(timeout * 5 / 4);
+    FaultyIceServer ice({late, late, late});
+    LogCapture capture("tilthwatch.telematicsicesink");
+
+    std::mutex mutex;
+    std::vector<steady_clock::time_point> closes;
+    auto collector = std::make_shared<nvsf::telemalog::CollectingSink>();
+    TelematicsConfig config;
+    config.periodMs = period.count();
+    config.iceHost = "127.0.0.1";
+    config.icePort = ice.port();
+    config.iceTimeoutMs = static_cast<int>(timeout.count());
+    config.zmqEndpoint = "tcp://127.0.0.1:" + std::to_string(icetest::freePort());
+    config.machineFilePath = "/nonexistent/machine.json";
+    config.detectedMachineFilePath = "/nonexistent/detectedMachine.json";
+    config.extraSinks = {collector};
+    config.beforeClose = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        closes.push_back(steady_clock::now());
+    };
+
+    std::thread loop([&] { runTelematicsLoop(config); });
+    const auto closed = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return closes.size();
+    };
+    const steady_clock::time_point deadline = steady_clock::now() + 10 * period + 3 * kSlack;
+    while (closed() < 4 && steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(milliseconds(5));
+    }
+    ::kill(::getpid(), SIGTERM);
+    loop.join();
+
+    ASSERT_GE(closes.size(), 4u);  // three in the loop, one on the stop
+    // The first pass waits out three timeouts before the next period starts.
+    EXPECT_GE(closes[1] - closes[0], period + 3 * timeout);
+    EXPECT_LT(closes[1] - closes[0], period + 3 * timeout + kSlack);
+    EXPECT_GE(closes[2] - closes[1], period);
+    EXPECT_LT(closes[2] - closes[1], period + kSlack);
+    // Every record reached the sinks after the Ice sink; the service took each of the first
+    // record's attempts, then every later record once.
+    EXPECT_EQ(collector->collected().size(), closes.size());
+    EXPECT_EQ(ice.received().size(), 3 + closes.size() - 1);
+    const std::string noReply = "THRIFT_EAGAIN (timed out)";
+    EXPECT_THAT(capture.errors(),
+                ElementsAreArray({attempt(noReply, kRetrying), attempt(noReply, kRetrying),
+                                  attempt(noReply, kAborting)}));
 }
 
 }  // namespace
