@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <zmq.hpp>
+
 #include "tools/replay_run.h"
 
 using tooltest::ReplayRun;
@@ -81,6 +83,7 @@ TEST(ReplayInput, BadOptionEndsWithStatus2AndNoRecord) {
         {{"--records", "-1", log}, "--records must be at least 1"},
         {{"--ice", "localhost", log}, "--ice must be HOST:PORT with a port from 1 to 65535"},
         {{"--ice", "localhost:65536", log}, "--ice must be HOST:PORT with a port from 1 to 65535"},
+        {{"--zmq", "4499", log}, "--zmq must be an endpoint such as tcp://*:4499"},
         {{"--log-level", "loud", log}, "the argument ('loud') for option '--log-level' is invalid"},
         {{"--speed", "2", log}, "unrecognised option '--speed'"},
         {{"--serial", "1\nserial_number=2", log}, "--serial must be one line"},
@@ -165,6 +168,19 @@ TEST(ReplayInput, StoppedBeforeTheEndIsAFailure) {
     EXPECT_NE(replay.err().find("tilthwatch-replay: stopped before the replay had ended"),
               std::string::npos)
         << replay.err();
+}
+
+// A service that cannot start, here for its publisher's endpoint being taken, is a failure.
+TEST(ReplayInput, ServiceThatCannotStartIsAFailure) {
+    ReplayRun run;
+    clitest::writeFile(run.path("good.log"), kGood);
+    zmq::context_t context;
+    zmq::socket_t taken(context, zmq::socket_type::pub);
+    taken.bind("tcp://127.0.0.1:*");
+    const std::string endpoint = taken.get(zmq::sockopt::last_endpoint);
+    EXPECT_EQ(run.run({"--zmq", endpoint, run.path("good.log")}), 1);
+    EXPECT_EQ(run.err, "tilthwatch-replay: the service failed: Address already in use\n");
+    EXPECT_TRUE(run.bodies().empty());
 }
 
 // The committed samples are what the generator writes.

@@ -159,6 +159,12 @@ int parseOptions(int argc, char** argv, Options& options) {
     if (!parseEndpoint(ice, options.config.iceHost, options.config.icePort)) {
         return fail(kBadInput, "--ice must be HOST:PORT with a port from 1 to 65535");
     }
+    // ZeroMQ judges the rest when it binds.
+    const std::size_t scheme = options.config.zmqEndpoint.find("://");
+    if (scheme == std::string::npos || scheme == 0 ||
+        scheme + 3 == options.config.zmqEndpoint.size()) {
+        return fail(kBadInput, "--zmq must be an endpoint such as tcp://*:4499");
+    }
     options.hasSerial = map.count("serial") != 0;
     if (options.hasSerial && options.serial.find_first_of("\r\n") != std::string::npos) {
         return fail(kBadInput, "--serial must be one line");
@@ -279,7 +285,7 @@ int main(int argc, char** argv) {
     try {
         runTelematicsLoop(config);
     } catch (const std::exception& e) {
-        result = fail(kFailed, e.what());
+        result = fail(kFailed, std::string("the service failed: ") + e.what());
     }
     stopper.stop();
     playing.join();
