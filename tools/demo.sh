@@ -83,7 +83,7 @@ wait "$shown" 2>/dev/null || true
 receiver=
 shown=
 
-echo "== Detected machine file: $(tr -d '\n ' <"$work/detectedMachine.json" 2>/dev/null || echo none)"
+echo "== Detected machine file: $(tr -s '\n ' ' ' <"$work/detectedMachine.json" 2>/dev/null || echo none)"
 echo "== Frames the system sent: $(wc -l <"$work/sent.log"), the first ones:"
 head -n 4 "$work/sent.log"
 if [ "$status" -ne 0 ]; then
