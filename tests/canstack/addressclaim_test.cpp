@@ -309,26 +309,3 @@ TEST_F(CanStackClaimed, CommandedAddressMovesTheFunction) {
               1u);
     pool.releaseBuffer(handle);
 }
-
-TEST_F(CanStackClaimed, DisabledFunctionLeavesTheTable) {
-    self.setEnabled(false);
-    bus.run(10);
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_START);
-    EXPECT_EQ(self.getAddress(), 254);
-    EXPECT_EQ(NM::getControlFunction(0, 0x80), nullptr);
-    self.setEnabled(true);
-    ASSERT_TRUE(bus.runUntilClaimed(self));
-}
-
-TEST(CanStackAddressClaim, GlobalRequestFromTheNullAddress) {
-    SimulatedBus bus;
-    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(0), 19u);
-    bus.update();
-    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(3), 5u);
-    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(2), 0u);
-    ASSERT_EQ(bus.frames.size(), 1u);
-    EXPECT_EQ(bus.frames[0].identifier, 0x18EAFFFEu);
-    EXPECT_EQ(bus.frames[0].channel, 2);
-    bus.acceptTransmits = false;
-    EXPECT_EQ(InternalControlFunctionClass::sendGlobalRequestForAddressClaim(2), 13u);
-}

@@ -300,19 +300,3 @@ TEST(CanStackMessageQueue, OldestFirstPerHandle) {
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid Queue Handle GetNextReceivedCANMessage"), 1u);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid CAN Message FreeReceivedCANMessage"), 1u);
 }
-
-TEST(CanStackFragmentCallback, AnsweredOnlyOnce) {
-    uint8_t buffer[8] = {};
-    const uint8_t piece[3] = {7, 8, 9};
-    CANFragmentCallbackClass fragment(&NetworkManagementClass::setFragmentCallback, buffer, 5, 8, 0,
-                                      1, true);
-    EXPECT_TRUE(fragment.setFragmentData(piece, 3));
-    EXPECT_EQ(buffer[5], 7);
-    EXPECT_EQ(buffer[7], 9);
-    EXPECT_FALSE(fragment.setFragmentData(piece, 1));
-    EXPECT_EQ(fragment.getFragmentLength(), 3u);
-
-    CANFragmentCallbackClass empty(&NetworkManagementClass::setFragmentCallback, buffer, 6, 8, 0, 1,
-                                   true);
-    EXPECT_TRUE(empty.setFragmentData(nullptr, 0));
-}

@@ -312,33 +312,6 @@ TEST_F(CanStackNetworkClaimed, SendResults) {
     EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Transmit Function to List"), 1u);
 }
 
-TEST_F(CanStackNetworkClaimed, DataCollectedThroughTheFragmentCallback) {
-    static int mode = 0;
-    auto producer = [](CANCallbackClass* callback) {
-        if (callback->getCallbackType() != 2) {
-            return;
-        }
-        auto* fragment = static_cast<CANFragmentCallbackClass*>(callback);
-        static const uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-        if (mode == 0) {  // three bytes at a time
-            const uint32_t left = fragment->getTotalLength() - fragment->getOffset();
-            fragment->setFragmentData(bytes + fragment->getOffset(), left < 3 ? left : 3);
-        } else if (mode == 1) {
-            fragment->setFragmentData(bytes, 8);  // runs past the length
-        }                                         // mode 2: no answer
-    };
-    // Three bytes at a time completes; running past the length or no answer fails.
-    const uint32_t results[] = {0, 8, 20};
-    for (mode = 0; mode < 3; ++mode) {
-        EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6, false,
-                                               nullptr, producer),
-                  results[mode])
-            << mode;
-    }
-    EXPECT_EQ(bus.framesWithPGN(0xFEF1).back().data, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7}));
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, nullptr, 7, &self, nullptr, 6), 9u);
-}
-
 TEST_F(CanStackNetworkClaimed, LoadCallbacksWalkThreePasses) {
     ControlFunctionClass* peer = bus.claimFrom(0, 0x10, testNAME(1));
     NM::addLoadParameterGroupNumberDataCallback(&load<ANY>);
@@ -422,33 +395,6 @@ TEST_F(CanStackNetworkOnBus, ReceiveWalkFollowsFilterChangesMadeAfterRegistratio
     ASSERT_TRUE(filter.removeFilterRecord(0));
     bus.receive(0, 0x18FEF206u, {1});  // only the reject record is left
     EXPECT_EQ(events, (std::vector<std::string>{"filter 1", "filter 3", "filter 5"}));
-}
-
-TEST_F(CanStackNetworkOnBus, ComparesChannelsAndCountsDevices) {
-    EXPECT_TRUE(NM::compareChannels(0, 1));
-    EXPECT_TRUE(NM::compareChannels(2, 2));
-    EXPECT_FALSE(NM::compareChannels(0, 3));
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntilClaimed(self));
-    EXPECT_FALSE(NM::compareChannels(0, 1));
-    // Our own claim heard on channel 1: two channels wired to one bus.
-    const SentFrame claim = bus.framesWithPGN(0xEE00).back();
-    bus.receive(1, claim.identifier, claim.data);
-    ASSERT_NE(NM::getControlFunction(1, 0x80), nullptr);
-    EXPECT_EQ(NM::getControlFunction(1, 0x80)->getType(), 2);
-    EXPECT_TRUE(NM::compareChannels(0, 1));
-    bus.receiveClaim(0, 0x10, testNAME(1));
-    EXPECT_FALSE(NM::compareChannels(0, 1));
-    bus.receiveClaim(1, 0x10, testNAME(1));
-    EXPECT_TRUE(NM::compareChannels(0, 1));
-
-    // A registered function counts once it has been heard.
-    const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
-    const uint32_t devices = statistics.countDevices(0);
-    RegisteredControlFunctionClass silent(0, uint8_t{0x40});
-    EXPECT_EQ(statistics.countDevices(0), devices);
-    bus.receive(0, 0x18FEF140u, {1});
-    EXPECT_EQ(statistics.countDevices(0), devices + 1);
 }
 
 // A time at a limit passes; one a millisecond over it is reported.

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "canstack/canmessage.h"
-#include "canstack/datacarrier.h"
 #include "canstack/networkmanagementmemorypool.h"
 #include "canstack/networkmanagementstatistics.h"
 #include "canstack/networkmanagementutilities.h"
@@ -86,29 +85,6 @@ TEST(CanStackDescriptionMessages, OneRecordPerTextPointerListedCriticalFirst) {
     EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[0], 2), 3u);
 }
 
-TEST(CanStackDescriptionMessages, InvalidParametersAndCallbackRefusals) {
-    EXPECT_FALSE(Statistics::addDescriptionMessage(nullptr, TEXTS[0], 0));
-    EXPECT_FALSE(Statistics::addDescriptionMessage(OWNER, nullptr, 0));
-    EXPECT_NE(Statistics::addDescriptionMessageCallback(&listen), nullptr);
-    EXPECT_EQ(Statistics::addDescriptionMessageCallback(&listen), nullptr);
-    EXPECT_EQ(Statistics::addDescriptionMessageCallback(DescriptionMessageFunction(nullptr)),
-              nullptr);
-    Statistics::updateDescriptionMessages();
-    int parameter = 0;
-    auto withParameter = [](const char*, const char*, uint8_t, uint32_t, void* p) {
-        ++*static_cast<int*>(p);
-    };
-    EXPECT_NE(Statistics::addDescriptionMessageCallback(withParameter, &parameter), nullptr);
-    EXPECT_EQ(Statistics::addDescriptionMessageCallback(withParameter, &parameter), nullptr);
-    EXPECT_EQ(Statistics::addDescriptionMessageCallback(withParameter, nullptr), nullptr);
-    for (const char* text :
-         {"Invalid Parameters AddDescriptionMessage", "Failed AddDescriptionMessageCallback",
-          "Failed AddDescriptionMessageCallback Pointer"}) {
-        EXPECT_EQ(descriptionCount(STATISTICS, text), 2u) << text;
-    }
-    EXPECT_GE(parameter, 2);  // it heard its own refusals
-}
-
 TEST(CanStackMemoryPool, AcquireBySizeRetainAndRelease) {
     uint32_t handle = 0;
     uint32_t second = 0;
@@ -166,62 +142,6 @@ TEST(CanStackMemoryPool, ReadWriteAndMoveAcrossBlocks) {
     ASSERT_TRUE(pool().acquireBuffer(100, small));
     EXPECT_TRUE(pool().getContiguousPointer(small, pointer));
     EXPECT_NE(pointer, nullptr);
-}
-
-TEST(CanStackMemoryPool, AcquireForMessageFollowsTheAllocateFunction) {
-    static uint8_t storage[16];
-    static uint32_t answer = 0;
-    pool().setAllocateFunction(
-        [](uint32_t, ControlFunctionClass*, ControlFunctionClass*, uint32_t, uint8_t*& pointer) {
-            pointer = storage;
-            return answer;
-        });
-    struct Case {
-        uint32_t answer;
-        bool result;
-        bool pooled;
-        bool external;
-    };
-    const Case cases[] = {{0, true, false, true},
-                          {1, true, true, false},
-                          {2, false, false, false},
-                          {7, false, false, false}};
-    for (const Case& c : cases) {
-        answer = c.answer;
-        uint32_t handle = 0;
-        uint8_t* pointer = nullptr;
-        EXPECT_EQ(pool().acquireForMessage(0xFEEC, nullptr, nullptr, 16, handle, pointer), c.result)
-            << c.answer;
-        EXPECT_EQ(handle != Pool::INVALID_HANDLE, c.pooled) << c.answer;
-        EXPECT_EQ(pointer == storage, c.external) << c.answer;
-        if (handle != Pool::INVALID_HANDLE) {
-            pool().releaseBuffer(handle);
-        }
-    }
-    EXPECT_EQ(descriptionCount("Network Management Memory Pool",
-                               "Request Memory Pool Invalid Request Memory Type"),
-              1u);
-    pool().setAllocateFunction(nullptr);
-}
-
-TEST(CanStackDataCarrier, CopiesAReceivedMessageIntoThePoolAndSharesIt) {
-    const uint8_t bytes[5] = {1, 2, 3, 4, 5};
-    DataCarrier copy;
-    {
-        CANReceiveMessageClass message(1, 0x18FEF100u, bytes, 5, 0);
-        DataCarrier carrier(message);
-        ASSERT_FALSE(carrier.isEmpty());
-        EXPECT_EQ(pool().getUsedBlockCount(), 1u);
-        copy = carrier;
-        EXPECT_EQ(pool().getReferenceCount(carrier.getPoolHandle()), 2u);
-    }
-    uint8_t back[5] = {};
-    ASSERT_TRUE(copy.getData(back, 5));
-    EXPECT_EQ(std::memcmp(back, bytes, 5), 0);
-    EXPECT_FALSE(copy.getData(back, 4));  // capacity too small
-    copy.release();
-    EXPECT_TRUE(copy.isEmpty());
-    EXPECT_EQ(pool().getUsedBlockCount(), 0u);
 }
 
 TEST(CanStackUtilities, GetAndSetBits) {
