@@ -192,3 +192,15 @@ TEST_F(PgnRequestTest, UnsentAcknowledgementLeavesTheRequestQueued) {
     EXPECT_EQ(CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount(), 0u);
     EXPECT_EQ(PROTOCOL.getReceivedRequestCount(), 1u);
 }
+
+TEST_F(PgnRequestTest, OwnRequestGoesAtPrioritySix) {
+    ASSERT_TRUE(Protocol::requestParameterGroupNumber(0xFF7A, &self, nullptr));
+    ASSERT_TRUE(Protocol::requestParameterGroupNumber(
+        0xFEEC, &self, NetworkManagementClass::getControlFunction(0, PEER)));
+    bus.update();
+    const std::vector<SentFrame> requests = bus.framesWithPGN(0xEA00);
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].identifier, 0x18EAFF00u | SELF);
+    EXPECT_EQ(requests[0].data, (std::vector<uint8_t>{0x7A, 0xFF, 0x00}));
+    EXPECT_EQ(requests[1].identifier, 0x18EA0000u | (PEER << 8) | SELF);
+}
