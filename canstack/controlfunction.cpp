@@ -269,6 +269,10 @@ void RegisteredControlFunctionClass::reset() {
 }
 
 void UnregisteredControlFunctionClass::reset() {
+    // Forgotten and waiting for reuse: whoever still holds it must not list it again.
+    if (waitingForReuse) {
+        return;
+    }
     leaveTable();
     address = NULL_ADDRESS;
     changeNAME(NAMEClass());
@@ -289,6 +293,7 @@ UnregisteredControlFunctionClass* UnregisteredControlFunctionClass::create(NAMEC
     forgottenList = function->nextForgotten;
     --numberForgotten;
     function->nextForgotten = nullptr;
+    function->waitingForReuse = false;
     function->NAME = name;
     function->address = address;
     function->channel = channel;
@@ -303,6 +308,7 @@ void UnregisteredControlFunctionClass::forget() {
     address = NULL_ADDRESS;
     NAME = NAMEClass();
     if (madeByStack) {
+        waitingForReuse = true;
         nextForgotten = forgottenList;
         forgottenList = this;
         ++numberForgotten;

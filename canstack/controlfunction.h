@@ -156,6 +156,7 @@ private:
     static uint32_t numberForgotten;
     UnregisteredControlFunctionClass* nextForgotten = nullptr;
     bool madeByStack = false;
+    bool waitingForReuse = false;
     bool paired = false;  // stands in invalidRegisteredControlFunctionList
 };
 

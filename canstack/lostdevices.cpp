@@ -82,9 +82,11 @@ bool NetworkManagementClass::addLostDevice(ControlFunctionClass* function) {
             return false;
         }
     }
-    *node = CONTROL_FUNCTION_LOST_DEVICE_STRUCT{
-        nullptr, function,   lostDevicesTail, nullptr, nullptr, nullptr, ++lostDevicePositions,
-        0,       forgettable};
+    *node = CONTROL_FUNCTION_LOST_DEVICE_STRUCT{};
+    node->controlFunction = function;
+    node->previous = lostDevicesTail;
+    node->position = ++lostDevicePositions;
+    node->forgettable = forgettable;
     if (lostDevicesTail != nullptr) {
         lostDevicesTail->next = node;
     } else {
