@@ -23,3 +23,14 @@ cmake --build build/tsan -j"$jobs"
 
 echo "== Fuzzing (each target 30 s)"
 ./tools/fuzz.sh 30
+
+# ---- The ARMv7 target and the soak. TILTHWATCH_SKIP_ARMHF=1 or TILTHWATCH_SKIP_SOAK=1 leave
+# ---- them out of a local run.
+if [ -z "${TILTHWATCH_SKIP_ARMHF:-}" ]; then
+    echo "== ARMv7 (armhf) cross-build, tests under qemu-arm"
+    ./tools/test-armhf.sh
+fi
+if [ -z "${TILTHWATCH_SKIP_SOAK:-}" ]; then
+    echo "== Soak, one minute at full load on three buses"
+    ./tools/soak.sh 60
+fi
