@@ -3,8 +3,9 @@
 # qemu-arm. Installs what it needs: the cross compiler and qemu on the host, and Debian's armhf
 # libraries unpacked into a root directory beside the build (see cmake/toolchain-armhf.cmake).
 #
-#   tools/test-armhf.sh          the CI subset: stack, service, library, 32-bit time tests
-#   tools/test-armhf.sh --all    every test that runs under user-mode qemu
+#   tools/test-armhf.sh          the CI subset (listed below)
+#   tools/test-armhf.sh --all    every test; those that start other programs of the build fail
+#                                unless the host runs ARM binaries itself (binfmt_misc)
 #
 # ARMHF_BUILD_DIR chooses the build directory (default build/armhf).
 set -euo pipefail
