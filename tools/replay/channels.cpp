@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -89,6 +90,32 @@ int Channels::index(const std::string& interface) const {
 bool Channels::write(int channel, const can_frame& frame) {
     return ::send(peerEnds_[channel], &frame, sizeof frame, MSG_NOSIGNAL) ==
            static_cast<ssize_t>(sizeof frame);
+}
+
+bool Channels::write(int channel, const can_frame* frames, std::size_t count) {
+    constexpr std::size_t kBatch = 64;
+    mmsghdr headers[kBatch];
+    iovec vectors[kBatch];
+    while (count > 0) {
+        const std::size_t n = std::min(count, kBatch);
+        for (std::size_t i = 0; i < n; ++i) {
+            vectors[i] = iovec{const_cast<can_frame*>(&frames[i]), sizeof(can_frame)};
+            std::memset(&headers[i], 0, sizeof(mmsghdr));
+            headers[i].msg_hdr.msg_iov = &vectors[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int sent =
+            ::sendmmsg(peerEnds_[channel], headers, static_cast<unsigned>(n), MSG_NOSIGNAL);
+        if (sent <= 0) {
+            if (sent < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        frames += sent;
+        count -= static_cast<std::size_t>(sent);
+    }
+    return true;
 }
 
 bool Channels::waitUntilTaken() {

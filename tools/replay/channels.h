@@ -32,9 +32,12 @@ public:
     // The channel of an interface name, or -1.
     int index(const std::string& interface) const;
     const std::string& name(int channel) const { return names_[channel]; }
+    std::size_t count() const { return names_.size(); }
 
     // False once the service has closed the channel.
     bool write(int channel, const can_frame& frame);
+    // Writes the frames in order, many to a system call.
+    bool write(int channel, const can_frame* frames, std::size_t count);
     // Returns once every frame written so far has been handed to the CAN stack; false when
     // stopped first.
     bool waitUntilDelivered();

@@ -8,7 +8,11 @@
 
 namespace replay {
 
-int FrameSelection::channelOf(const LogFrame& frame, const std::string& where) {
+namespace {
+constexpr std::size_t kStepFrames = 256;
+}  // namespace
+
+int FrameSelection::channelOf(const LogFrame& frame, const std::string& file, std::size_t line) {
     std::string warning;
     int channel = -1;
     if ((frame.frame.can_id & CAN_ERR_FLAG) != 0) {
@@ -21,7 +25,8 @@ int FrameSelection::channelOf(const LogFrame& frame, const std::string& where) {
     }
     std::lock_guard<std::mutex> lock(mutex_);
     if (channel < 0 && warned_.insert(warning).second) {
-        std::cerr << "tilthwatch-replay: " << where << ": warning: " << warning << std::endl;
+        std::cerr << "tilthwatch-replay: " << file << ":" << line << ": warning: " << warning
+                  << std::endl;
     }
     return channel;
 }
@@ -36,8 +41,7 @@ std::string checkLog(const std::string& path, FrameSelection& selection) {
     for (;;) {
         switch (source.next(frame, error)) {
             case LogSource::Result::Frame:
-                selection.channelOf(frame,
-                                    source.name() + ":" + std::to_string(source.lineNumber()));
+                selection.channelOf(frame, source.name(), source.lineNumber());
                 break;
             case LogSource::Result::End:
                 return "";
@@ -59,15 +63,13 @@ struct Player::Source {
 bool Player::advance(Source& source) {
     for (;;) {
         switch (source.log.next(source.head, error_)) {
-            case LogSource::Result::Frame: {
-                const std::string where =
-                    source.log.name() + ":" + std::to_string(source.log.lineNumber());
-                source.channel = selection_.channelOf(source.head, where);
+            case LogSource::Result::Frame:
+                source.channel =
+                    selection_.channelOf(source.head, source.log.name(), source.log.lineNumber());
                 if (source.channel >= 0) {
                     return true;
                 }
                 break;
-            }
             case LogSource::Result::End:
                 source.done = true;
                 return false;
@@ -77,6 +79,18 @@ bool Player::advance(Source& source) {
                 return false;
         }
     }
+}
+
+bool Player::writeStep() {
+    for (std::size_t channel = 0; channel < step_.size(); ++channel) {
+        std::vector<can_frame>& frames = step_[channel];
+        if (!frames.empty() &&
+            !channels_.write(static_cast<int>(channel), frames.data(), frames.size())) {
+            return false;
+        }
+        frames.clear();
+    }
+    return true;
 }
 
 bool Player::run() {
@@ -102,6 +116,8 @@ bool Player::run() {
             return false;
         }
     }
+    step_.assign(channels_.count(), {});
+    auto stepEnd = start - kPlayStep;  // the first frame waits for its step
     for (;;) {
         Source* next = nullptr;
         for (auto& source : sources) {
@@ -109,12 +125,27 @@ bool Player::run() {
                 next = source.get();
             }
         }
-        if (next == nullptr) {
-            break;
-        }
         // A timestamp that goes back is played at once.
-        const auto due = start + std::chrono::microseconds(next->head.timeUs - firstUs);
-        if (!stopper_.sleepUntil(due) || !channels_.write(next->channel, next->head.frame)) {
+        const auto due = next == nullptr
+                             ? stepEnd
+                             : start + std::chrono::microseconds(next->head.timeUs - firstUs);
+        if (next == nullptr || due > stepEnd) {
+            if (!writeStep()) {
+                return false;
+            }
+            if (next == nullptr) {
+                break;
+            }
+            const auto steps = (due - start + kPlayStep - std::chrono::nanoseconds(1)) / kPlayStep;
+            stepEnd = start + steps * kPlayStep;
+            if (!stopper_.sleepUntil(stepEnd)) {
+                return false;
+            }
+        }
+        std::vector<can_frame>& frames = step_[static_cast<std::size_t>(next->channel)];
+        frames.push_back(next->head.frame);
+        // A log may stamp any number of frames with one time: a step holds a bounded number.
+        if (frames.size() == kStepFrames && !writeStep()) {
             return false;
         }
         if (!advance(*next) && (!error_.empty() || stopper_.stopped())) {
