@@ -1,6 +1,7 @@
 // tilthwatch-replay: runs the whole service, the same run function, stack, state machine and
 // sinks, with its CAN channels fed from candump logs.
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -265,7 +266,10 @@ int main(int argc, char** argv) {
     }
 
     replay::Player player(options.logs, channels, stopper, selection);
+    // Named apart from the run loop's thread, so that per-thread figures tell the replay's own
+    // work from the service's.
     std::thread playing([&] {
+        ::pthread_setname_np(::pthread_self(), "replay-play");
         if (player.run()) {
             countdown.played();
         } else if (!player.error().empty()) {
@@ -273,6 +277,7 @@ int main(int argc, char** argv) {
         }
     });
     std::thread reading([&] {
+        ::pthread_setname_np(::pthread_self(), "replay-read");
         channels.readSent([&](int channel, const can_frame& frame) {
             if (transmitted.is_open()) {
                 transmitted << replay::formatLine(wallClockUs(), channels.name(channel), frame)
