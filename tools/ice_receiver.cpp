@@ -281,7 +281,10 @@ int main(int argc, char** argv) {
     std::thread subscriber;
     ready.wait();
     if (failure.empty()) {
-        std::cerr << kName << ": listening on " << host << ":" << socket->getPort() << std::endl;
+        // One write: a reader of standard error must never see the text without its port.
+        const std::string line = std::string(kName) + ": listening on " + host + ":" +
+                                 std::to_string(socket->getPort()) + "\n";
+        std::cerr << line << std::flush;
         if (!status.empty()) {
             subscriber = std::thread([&] { printStatus(status, printer, stop); });
         }
