@@ -111,6 +111,23 @@ TEST_F(CanStackMessageOnBus, ClaimFromNullAddressHasNoSourceAndPDU2IgnoresDestin
     EXPECT_EQ(broadcast.getDestinationControlFunction(), nullptr);
 }
 
+TEST(CanStackReceiveMessage, DataBitsAndRanges) {
+    const uint8_t data[4] = {0x34, 0x12, 0xF0, 0x0F};
+    CANReceiveMessageClass message(1, 0x18FEF100u, data, 4, 0);
+    uint8_t nibble = 0;
+    ASSERT_TRUE(message.getDataBits(20, 8, nibble));  // two bytes read for a straddling field
+    EXPECT_EQ(nibble, 0xFF);
+    EXPECT_FALSE(message.getDataBits(28, 8, nibble));  // past the 4 bytes
+    EXPECT_EQ(nibble, 0xFF);
+    uint32_t wide = 0;
+    EXPECT_FALSE(message.getDataBits(0, 33, wide));
+    uint8_t buffer[4];
+    EXPECT_FALSE(message.getData(buffer, 3));
+    EXPECT_TRUE(message.getData(buffer, 2, 2));
+    EXPECT_FALSE(message.getData(buffer, 3, 2));
+    EXPECT_FALSE(message.getData(nullptr, 4));
+}
+
 TEST_F(CanStackMessageClaimed, TransmitStatusByConstructionCase) {
     TestInternalControlFunction unclaimed(testNAME(2), 0, {0x81});
     TestInternalControlFunction elsewhere(testNAME(3), 1, {0x82});
