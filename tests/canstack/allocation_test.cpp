@@ -6,11 +6,9 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <vector>
 
 #include "canstack/controlfunction.h"
 #include "canstack/filteredmessagecallback.h"
-#include "canstack/networkmanagement.h"
 #include "simulated_bus.h"
 
 namespace {
@@ -68,15 +66,13 @@ TEST(CanStackAllocation, OrdinaryFramesFromAKnownSourceAllocateNothing) {
     bus.update();
     TestInternalControlFunction self(testNAME(100), 1, {0x80});
     ASSERT_TRUE(bus.runUntilClaimed(self));
-    bus.receiveClaim(1, 0x00, testNAME(1, 93));
+    bus.claimFrom(1, 0x00, testNAME(1, 93));
     RegisteredControlFunctionClass engine(1, NAMEClass(testNAME(1, 93)));
     CopyingReceiver receiver;
     engine.addParameterGroupNumberCallback(0xF004, nullptr, &receiver);
-    NetworkManagementClass::addGlobalReceiveCallback(PGN_ANY, &receiver);
-    const uint32_t pgns[12] = {0xF003, 0xF004, 0xFE56, 0xFEE5, 0xFEEE, 0xFEEF,
-                               0xFEF2, 0xFEF8, 0xFEFC, 0xFEEC, 0xFF12, 0xFF7A};
+    NM::addGlobalReceiveCallback(PGN_ANY, &receiver);
     std::vector<std::unique_ptr<FilteredMessageMatchingCallbackClass>> filters;
-    for (uint32_t pgn : pgns) {
+    for (uint32_t pgn : {0xF003, 0xF004, 0xFE56, 0xFEE5, 0xFEEE, 0xFEEF, 0xFEF2, 0xFEF8}) {
         filters.emplace_back(new FilteredMessageMatchingCallbackClass());
         filters.back()->setParameterGroupNumber(pgn);
         filters.back()->setChannel(1);
@@ -88,15 +84,39 @@ TEST(CanStackAllocation, OrdinaryFramesFromAKnownSourceAllocateNothing) {
     const uint64_t before = allocations.load();
     for (int i = 0; i < 1000; ++i) {
         CANReceiveMessageClass frame(1, 0x0CF00400u, data, 8, 1);
-        NetworkManagementClass::receiveMessage(&frame);
+        NM::receiveMessage(&frame);
         CANReceiveMessageClass other(1, 0x18FECA00u, data, 8, 1);
-        NetworkManagementClass::receiveMessage(&other);
+        NM::receiveMessage(&other);
     }
     // A refused frame reports without allocating as well.
     CANReceiveMessageClass bad(1, 0x0CF004FFu, data, 8, 1);
-    NetworkManagementClass::receiveMessage(&bad);
+    NM::receiveMessage(&bad);
     EXPECT_EQ(allocations.load() - before, 0u);
     // Registered, global and filter callbacks, the global one for the other group, and the
     // filter for the refused frame, which filters see whatever its validity.
     EXPECT_EQ(receiver.count, 1000u * (1 + 1 + 1) + 1000u + 1u);
+}
+
+// A node claiming one address from ever new NAMEs: past the maximum of remembered lost devices
+// each claim forgets the oldest NAME and gives its node and its object to the newest.
+TEST(CanStackAllocation, PastTheMaximumAClaimFloodAllocatesNothing) {
+    constexpr uint32_t MAXIMUM = NM::MAXIMUM_NUMBER_FORGETTABLE_LOST_DEVICES;
+    SimulatedBus bus;
+    bus.update();
+    // Built here rather than through the bus, whose helper allocates for the data.
+    uint8_t name[8];
+    uint64_t before = 0;
+    for (uint32_t i = 1; i <= 4 * MAXIMUM; ++i) {
+        if (i == MAXIMUM + 2) {
+            before = allocations.load();
+        }
+        NAMEClass(testNAME(1000 + i, 151, false)).toBytes(name);
+        CANReceiveMessageClass claim(1, 0x18EEFF42u, name, 8, 0);
+        NM::receiveMessage(&claim);
+    }
+    EXPECT_EQ(allocations.load() - before, 0u);
+    EXPECT_EQ(NM::getNumberLostDevices(), MAXIMUM);
+    EXPECT_LE(UnregisteredControlFunctionClass::getNumberForgotten(), 1u);
+    EXPECT_EQ(NetworkManagementStatisticsClass::NETWORK_MANAGEMENT_STATISTICS.getNewNAMECount(0),
+              4 * MAXIMUM);
 }

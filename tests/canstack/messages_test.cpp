@@ -1,14 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "canstack/canmessage.h"
-#include "canstack/canmessagequeue.h"
 #include "canstack/controlfunction.h"
-#include "canstack/networkmanagement.h"
-#include "canstack/networkmanagementmemorypool.h"
 #include "simulated_bus.h"
 
 namespace {
@@ -93,22 +85,21 @@ TEST(CanStackReceiveMessage, ValidationRunsInOrderAndStopsAtTheFirstFailure) {
                   c.channel > 2 ? 1u : 0u);
         NetworkManagementStatisticsClass::updateDescriptionMessages();
     }
+    // A source or destination address that cannot be is a warning.
+    EXPECT_EQ(descriptionCount(RECEIVE, "Source Address Invalid", 1), 5u);
+    EXPECT_EQ(descriptionCount(RECEIVE, "Destination Address Invalid", 1), 1u);
 }
 
 TEST_F(CanStackMessageOnBus, ClaimFromNullAddressHasNoSourceAndPDU2IgnoresDestination) {
     ControlFunctionClass* device = bus.claimFrom(0, 0x30, testNAME(9));
-    ASSERT_NE(device, nullptr);
-
     const uint8_t name[8] = {};
     CANReceiveMessageClass claim(1, 0x18EEFFFEu, name, 8, 0);
-    EXPECT_TRUE(claim.isValid());
     EXPECT_EQ(claim.getSourceControlFunction(), nullptr);
     EXPECT_EQ(claim.getSourceAddress(), 254);
 
     const uint8_t data[2] = {1, 2};
     CANReceiveMessageClass specific(1, 0x18EF3001u, data, 2, 0);
     EXPECT_EQ(specific.getDestinationControlFunction(), device);
-    EXPECT_EQ(specific.getDestinationAddress(), 0x30);
     // A standard frame gets no source when built, but takes its low byte as one when updated.
     CANReceiveMessageClass standard(0, 0x130u, data, 2, 0);
     EXPECT_EQ(standard.getSourceControlFunction(), nullptr);
@@ -116,7 +107,6 @@ TEST_F(CanStackMessageOnBus, ClaimFromNullAddressHasNoSourceAndPDU2IgnoresDestin
     EXPECT_EQ(standard.getSourceControlFunction(), device);
     EXPECT_EQ(standard.getSourceAddress(), 255);
     CANReceiveMessageClass broadcast(1, 0x18FF3130u, data, 2, 0);
-    EXPECT_EQ(broadcast.getSourceControlFunction(), device);
     EXPECT_EQ(broadcast.getDestinationAddress(), 255);
     EXPECT_EQ(broadcast.getDestinationControlFunction(), nullptr);
 }
@@ -234,22 +224,21 @@ TEST_F(CanStackMessageClaimed, PreparationFillsAddressesFromTheControlFunctions)
     CANTransmitMessageClass message(0xEF00, data, 8, 6, &self, device, 255, nullptr, false);
     ASSERT_TRUE(message.isValid());
     // The device moves before the frame leaves.
-    bus.receiveClaim(0, 0x41, testNAME(50));
+    bus.claimFrom(0, 0x41, testNAME(50));
     ASSERT_TRUE(message.prepareIdentifierForTransmit());
     EXPECT_EQ(message.getIdentifier().getIdentifier(), 0x18EF4180u);
     // And then loses its address altogether.
-    bus.receiveClaim(0, 0x41, testNAME(49));
+    bus.claimFrom(0, 0x41, testNAME(49));
     CANTransmitMessageClass copy(message);
     EXPECT_EQ(copy.getHandle(), message.getHandle());
     EXPECT_FALSE(copy.prepareIdentifierForTransmit());
 }
 
 TEST(CanStackMessageQueue, LongMessagesAndTheFiftyFirstFrameAreDropped) {
-    const uint8_t data[20] = {};
+    uint8_t data[20] = {};
     const uint32_t handle = CANMessageQueueClass::getQueueHandle();
     RegisteredControlFunctionClass sender(0, uint8_t{0x20});
-    CANLongMessageClass longMessage(0xFEEC, 0xFFFFFFFFu, const_cast<uint8_t*>(data), 20, &sender,
-                                    nullptr, "test");
+    CANLongMessageClass longMessage(0xFEEC, 0xFFFFFFFFu, data, 20, &sender, nullptr, "test");
     ASSERT_TRUE(longMessage.isValid());
     EXPECT_FALSE(queue().addCANMessage(longMessage, handle));
     EXPECT_EQ(queue().getCurrentCount(), 0u);  // the entry stays free
@@ -279,7 +268,6 @@ TEST(CanStackMessageQueue, OldestFirstPerHandle) {
     CAN_MESSAGE_QUEUE_STRUCT* entry = queue().getNextReceivedCANMessage(mine);
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->data[0], 1);
-    EXPECT_EQ(entry->parameterGroupNumber, 0xFEF1u);
     EXPECT_TRUE(queue().freeReceivedCANMessage(entry));
     EXPECT_FALSE(queue().freeReceivedCANMessage(entry));
     entry = queue().getNextReceivedCANMessage(mine);
@@ -294,8 +282,7 @@ TEST(CanStackMessageQueue, OldestFirstPerHandle) {
     queue().addCANMessage(CANReceiveMessageClass(1, 0x18FEF101u, bytes, 1, 0), mine);
     entry = queue().getNextReceivedCANMessage(mine);
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(std::vector<uint8_t>(entry->data, entry->data + 8),
-              (std::vector<uint8_t>{1, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Bytes(entry->data, entry->data + 8), (Bytes{1, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(queue().getNextReceivedCANMessage(0xFFFFFFFFu), nullptr);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid Queue Handle GetNextReceivedCANMessage"), 1u);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid CAN Message FreeReceivedCANMessage"), 1u);

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <set>
-#include <vector>
-
 #include "canstack/parametergroupnumberrequestprotocol.h"
-#include "protocol_test_support.h"
+#include "simulated_bus.h"
 
 namespace {
 
@@ -14,18 +11,19 @@ Protocol& PROTOCOL = Protocol::PARAMETER_GROUP_NUMBER_REQUEST_PROTOCOL;
 
 // What the load callback answers.
 uint32_t loadResult = 1;
-const std::vector<uint8_t> loadData{1, 2, 3, 4, 5, 6, 7, 8};
-
-uint32_t scriptedLoad(uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t,
-                      uint8_t, LoadParameterGroupNumberData* out) {
-    out->data = loadData.data();
-    out->length = static_cast<uint32_t>(loadData.size());
-    return loadResult;
-}
+const Bytes loadData{1, 2, 3, 4, 5, 6, 7, 8};
 
 class PgnRequestTest : public ProtocolTest {
 protected:
-    void serve() { NetworkManagementClass::addLoadParameterGroupNumberDataCallback(&scriptedLoad); }
+    void serve() {
+        NM::addLoadParameterGroupNumberDataCallback([](uint32_t, InternalControlFunctionClass*,
+                                                       ControlFunctionClass*, uint8_t, uint8_t,
+                                                       LoadParameterGroupNumberData* out) {
+            out->data = loadData.data();
+            out->length = static_cast<uint32_t>(loadData.size());
+            return loadResult;
+        });
+    }
     void request(uint32_t pgn, uint8_t destination = SELF, uint8_t from = PEER) {
         bus.receive(0, frameIdentifier(6, 0xEA00, destination, from),
                     {static_cast<uint8_t>(pgn), static_cast<uint8_t>(pgn >> 8), 0});
@@ -39,7 +37,7 @@ protected:
     }
 };
 
-std::vector<uint8_t> ack(uint8_t control, uint32_t pgn) {
+Bytes ack(uint8_t control, uint32_t pgn) {
     return {
         control, 0xFF, 0xFF, 0xFF, PEER, static_cast<uint8_t>(pgn), static_cast<uint8_t>(pgn >> 8),
         0};
@@ -89,9 +87,9 @@ TEST_P(PgnRequestAnswerTest, RequestEndsWithItsAcknowledgementReportAndCount) {
         serve();
     }
     loadResult = c.loadResult;
-    refused = {0xFECA};
+    bus.refused = {0xFECA};
     if (c.refuseAcks) {
-        refused.insert(0xE800);
+        bus.refused.insert(0xE800);
     }
     request(0xFECA, c.destination);
     loadResult = c.retryLoad;
@@ -146,7 +144,7 @@ TEST_F(PgnRequestTest, AddressClaimRequestIsLeftToTheClaimProcedure) {
 
 TEST_F(PgnRequestTest, RepeatedRequestRenewsTheWaitingSessionInsteadOfSendingTwice) {
     serve();
-    refused = {0xFECA};
+    bus.refused = {0xFECA};
     request(0xFECA);
     bus.advance(600);
     request(0xFECA, SELF, OTHER);  // a broadcast group's answer reaches every requester
@@ -154,7 +152,7 @@ TEST_F(PgnRequestTest, RepeatedRequestRenewsTheWaitingSessionInsteadOfSendingTwi
     bus.advance(600);  // 1200 ms after the first try, 600 after the renewal
     bus.update();
     EXPECT_TRUE(acks().empty());
-    refused.clear();
+    bus.refused.clear();
     bus.update();
     bus.update();
     EXPECT_EQ(bus.framesWithPGN(0xFECA).size(), 1u);
@@ -168,14 +166,14 @@ TEST_P(EleventhRequestTest, FindsNoSession) {
     const bool global = GetParam();
     serve();
     for (uint32_t pgn = 0xFF00; pgn <= 0xFF0A; ++pgn) {
-        refused.insert(pgn);
+        bus.refused.insert(pgn);
         request(pgn, global ? 0xFF : SELF);
     }
     EXPECT_EQ(acks().size(), global ? 0u : 1u);
     if (!global) {
         EXPECT_EQ(acks()[0].data, ack(3, 0xFF0A));
     }
-    EXPECT_EQ(counts(), (std::vector<uint32_t>{global ? 0u : 1u, global ? 1u : 0u, 0, 0}));
+    EXPECT_EQ(counts(), (std::vector<uint32_t>{!global, global, 0, 0}));
     EXPECT_EQ(descriptionCount(OWNER, "Cannot Respond Response", 2), global ? 0u : 1u);
     EXPECT_EQ(descriptionCount(OWNER, "PGN Request Dropped No Sessions Available", 2),
               global ? 1u : 0u);
@@ -183,24 +181,24 @@ TEST_P(EleventhRequestTest, FindsNoSession) {
 INSTANTIATE_TEST_SUITE_P(Kinds, EleventhRequestTest, ::testing::Bool());
 
 TEST_F(PgnRequestTest, UnsentAcknowledgementLeavesTheRequestQueued) {
-    refused = {0xE800};
+    bus.refused = {0xE800};
     request(0xFECA);
-    EXPECT_EQ(CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount(), 1u);
-    refused.clear();
+    EXPECT_EQ(queued(), 1u);
+    bus.refused.clear();
     bus.update();
     EXPECT_EQ(acks().size(), 1u);
-    EXPECT_EQ(CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount(), 0u);
+    EXPECT_EQ(queued(), 0u);
     EXPECT_EQ(PROTOCOL.getReceivedRequestCount(), 1u);
 }
 
 TEST_F(PgnRequestTest, OwnRequestGoesAtPrioritySix) {
     ASSERT_TRUE(Protocol::requestParameterGroupNumber(0xFF7A, &self, nullptr));
-    ASSERT_TRUE(Protocol::requestParameterGroupNumber(
-        0xFEEC, &self, NetworkManagementClass::getControlFunction(0, PEER)));
+    ASSERT_TRUE(
+        Protocol::requestParameterGroupNumber(0xFEEC, &self, NM::getControlFunction(0, PEER)));
     bus.update();
     const std::vector<SentFrame> requests = bus.framesWithPGN(0xEA00);
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0].identifier, 0x18EAFF00u | SELF);
-    EXPECT_EQ(requests[0].data, (std::vector<uint8_t>{0x7A, 0xFF, 0x00}));
+    EXPECT_EQ(requests[0].data, (Bytes{0x7A, 0xFF, 0x00}));
     EXPECT_EQ(requests[1].identifier, 0x18EA0000u | (PEER << 8) | SELF);
 }

@@ -1,30 +1,35 @@
 #ifndef TESTS_CANSTACK_SIMULATED_BUS_H
 #define TESTS_CANSTACK_SIMULATED_BUS_H
 
-// Simulated bus for stack tests. It puts a fake clock behind Timestamp_ms, installs a transmit
-// function that records every frame and confirms it through transmitComplete (immediate frames
-// at once, queued ones on confirmPending or by the next step), and feeds frames in through
-// receiveMessage. One instance per test; it restores the clock and transmit function when done.
+// Simulated bus for stack tests: a fake clock behind Timestamp_ms, a transmit function that
+// records every frame and confirms it through transmitComplete (immediate frames at once, queued
+// ones on confirmPending or by the next update), and frames fed in through receiveMessage.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "canstack/canmessage.h"
+#include "canstack/canmessagequeue.h"
 #include "canstack/internalcontrolfunction.h"
 #include "canstack/name.h"
 #include "canstack/networkmanagement.h"
+#include "canstack/networkmanagementmemorypool.h"
 #include "canstack/networkmanagementstatistics.h"
 #include "canstack/networkmanagementutilities.h"
 
+using NM = NetworkManagementClass;
+using Bytes = std::vector<uint8_t>;
+
 struct SentFrame {
-    uint8_t channel;
     uint32_t identifier;  // 29 bits as written, addresses filled in
-    std::vector<uint8_t> data;
+    Bytes data;
     bool immediate;
 
     uint32_t pgn() const {
@@ -38,32 +43,19 @@ struct SentFrame {
 class SimulatedBus {
 public:
     SimulatedBus() {
-        current() = this;
-        now() = 1000;
-        previousClock = NetworkManagementUtilitiesClass::Timestamp_ms;
-        previousTransmit = NetworkManagementClass::TransmitCANMessage;
-        NetworkManagementUtilitiesClass::Timestamp_ms = &clock;
-        NetworkManagementClass::TransmitCANMessage = &transmit;
+        current = this;
+        now = 1000;
+        NetworkManagementUtilitiesClass::Timestamp_ms = [] { return now; };
+        NM::TransmitCANMessage = &transmit;
     }
-    ~SimulatedBus() {
-        NetworkManagementUtilitiesClass::Timestamp_ms = previousClock;
-        NetworkManagementClass::TransmitCANMessage = previousTransmit;
-        current() = nullptr;
-    }
-    SimulatedBus(const SimulatedBus&) = delete;
-    SimulatedBus& operator=(const SimulatedBus&) = delete;
+    ~SimulatedBus() { current = nullptr; }
 
-    static uint32_t& now() {
-        static uint32_t value = 1000;
-        return value;
-    }
-    static uint32_t clock() { return now(); }
-
-    void advance(uint32_t ms) { now() += ms; }
+    inline static uint32_t now = 1000;
+    void advance(uint32_t ms) { now += ms; }
     // Confirms queued frames, then one update.
     void update() {
         confirmPending();
-        NetworkManagementClass::update();
+        NM::update();
     }
     // Steps updates every 10 ms until `done` holds; false if it does not within `limit` ms.
     template <typename Done>
@@ -80,35 +72,28 @@ public:
     bool runUntilClaimed(InternalControlFunctionClass& function, uint32_t limit = 3000) {
         return runUntil([&function] { return function.isAddressValid(); }, limit);
     }
-    // Runs updates every 10 ms for `duration` ms of fake time.
     void run(uint32_t duration) {
         runUntil([] { return false; }, duration);
     }
-
-    // Confirms every queued (non-immediate) frame with the configured result.
     void confirmPending() {
         while (!pending.empty()) {
             std::unique_ptr<CANTransmitMessageClass> message = std::move(pending.front());
             pending.pop_front();
-            NetworkManagementClass::transmitComplete(message.get(), confirmSuccess);
+            NM::transmitComplete(message.get(), confirmSuccess);
         }
     }
 
-    void receive(uint8_t channel, uint32_t identifier, const std::vector<uint8_t>& data) {
+    void receive(uint8_t channel, uint32_t identifier, const Bytes& data) {
         CANReceiveMessageClass message(1, identifier, data.data(),
                                        static_cast<uint8_t>(data.size()), channel);
-        NetworkManagementClass::receiveMessage(&message);
+        NM::receiveMessage(&message);
     }
-    // An address claim of another device.
-    void receiveClaim(uint8_t channel, uint8_t address, uint64_t name) {
-        std::vector<uint8_t> bytes(8);
+    // An address claim of another device; returns who holds the address after it.
+    ControlFunctionClass* claimFrom(uint8_t channel, uint8_t address, uint64_t name) {
+        Bytes bytes(8);
         NAMEClass(name).toBytes(bytes.data());
         receive(channel, 0x18EEFF00u | address, bytes);
-    }
-    // The same, returning the control function that now holds the address.
-    ControlFunctionClass* claimFrom(uint8_t channel, uint8_t address, uint64_t name) {
-        receiveClaim(channel, address, name);
-        return NetworkManagementClass::getControlFunction(channel, address);
+        return NM::getControlFunction(channel, address);
     }
 
     std::vector<SentFrame> framesWithPGN(uint32_t pgn) const {
@@ -122,50 +107,42 @@ public:
     }
 
     std::vector<SentFrame> frames;
-    bool acceptTransmits = true;   // false: the transmit function refuses
+    std::set<uint32_t> refused;    // PGNs the transmit function refuses before the bus sees them
     bool confirmSuccess = true;    // result given to transmitComplete
     bool deferQueued = true;       // queued frames wait for confirmPending
     bool confirmImmediate = true;  // false: immediate frames wait like queued ones
 
 private:
-    static SimulatedBus*& current() {
-        static SimulatedBus* bus = nullptr;
-        return bus;
-    }
+    inline static SimulatedBus* current = nullptr;
 
     static bool transmit(CANTransmitMessageClass* message) {
-        SimulatedBus* bus = current();
-        if (bus == nullptr || !bus->acceptTransmits) {
+        SimulatedBus* bus = current;
+        if (bus == nullptr || bus->refused.count(message->getParameterGroupNumber()) != 0) {
             return false;
         }
         const bool written = message->prepareIdentifierForTransmit();
         if (written) {
             const uint8_t* data = nullptr;
             message->getDataPointer(data);
-            bus->frames.push_back(SentFrame{
-                message->getChannel(), message->getIdentifier().getIdentifier() & 0x1FFFFFFFu,
-                std::vector<uint8_t>(data, data + message->getDataLength()),
-                message->isImmediate()});
+            bus->frames.push_back(SentFrame{message->getIdentifier().getIdentifier() & 0x1FFFFFFFu,
+                                            Bytes(data, data + message->getDataLength()),
+                                            message->isImmediate()});
         }
         if ((message->isImmediate() && bus->confirmImmediate) || !bus->deferQueued) {
-            NetworkManagementClass::transmitComplete(message, written && bus->confirmSuccess);
-            return written;
-        }
-        if (written) {
+            NM::transmitComplete(message, written && bus->confirmSuccess);
+        } else if (written) {
             bus->pending.emplace_back(new CANTransmitMessageClass(*message));
         }
         return written;
     }
 
-    uint32_t (*previousClock)() = nullptr;
-    TransmitCANMessageFunction previousTransmit = nullptr;
     std::deque<std::unique_ptr<CANTransmitMessageClass>> pending;
 };
 
 // Internal control function with a fixed address list; records its hooks.
 class TestInternalControlFunction : public InternalControlFunctionClass {
 public:
-    TestInternalControlFunction(uint64_t name, uint8_t channel, std::vector<uint8_t> addresses)
+    TestInternalControlFunction(uint64_t name, uint8_t channel, Bytes addresses)
         : InternalControlFunctionClass(NAMEClass(name), channel), addresses(std::move(addresses)) {}
 
     uint8_t getAddressAtIndex(uint8_t index) override {
@@ -175,19 +152,16 @@ public:
     void onAddressClaimed() override { ++claimedCount; }
     void onStart() override { ++startCount; }
 
-    std::vector<uint8_t> addresses;
+    Bytes addresses;
     bool acceptCommands = true;
     int claimedCount = 0;
     int startCount = 0;
 };
 
-// Count of a description message, in the lists and the pending slots, by text content;
-// a null text or a negative severity matches any.
+// Count of a description message by text content, after the pending ones are listed; a null
+// text or a negative severity matches any.
 inline uint32_t descriptionCount(const char* owner, const char* text, int severity = -1) {
-    const auto matches = [&](const char* o, const char* t, uint8_t s) {
-        return std::strcmp(o, owner) == 0 && (text == nullptr || std::strcmp(t, text) == 0) &&
-               (severity < 0 || s == severity);
-    };
+    NetworkManagementStatisticsClass::updateDescriptionMessages();
     uint32_t count = 0;
     const char* o = nullptr;
     const char* t = nullptr;
@@ -195,15 +169,8 @@ inline uint32_t descriptionCount(const char* owner, const char* text, int severi
     uint32_t c = 0;
     for (uint32_t i = 0; NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, s, c);
          ++i) {
-        if (matches(o, t, s)) {
-            count += c;
-        }
-    }
-    for (const DescriptionMessageSlot& slot :
-         NetworkManagementStatisticsClass::availableDescriptionMessages) {
-        if (slot.owner != nullptr && matches(slot.owner, slot.text, slot.severity)) {
-            ++count;
-        }
+        const bool same = text == nullptr || std::strcmp(t, text) == 0;
+        count += std::strcmp(o, owner) == 0 && same && (severity < 0 || s == severity) ? c : 0;
     }
     return count;
 }
@@ -217,6 +184,13 @@ inline uint64_t testNAME(uint32_t identity, uint32_t manufacturer = 151,
     name.setIndustryGroup(2);
     name.setSelfConfigurableAddress(selfConfigurable ? 1 : 0);
     return name.getNAME();
+}
+
+inline uint32_t usedBlocks() {
+    return NetworkManagementMemoryPoolClass::NETWORK_MANAGEMENT_MEMORY_POOL.getUsedBlockCount();
+}
+inline uint32_t queued() {
+    return CANMessageQueueClass::CAN_MESSAGE_QUEUE.getCurrentCount();
 }
 
 // A bus past its first update.
@@ -234,6 +208,53 @@ protected:
         ASSERT_TRUE(bus.runUntilClaimed(self));
     }
     TestInternalControlFunction self{testNAME(100), 0, {0x80, 0x81}};
+};
+
+// 29-bit identifier of a destination-specific PGN (low byte 0) sent to `destination`.
+inline uint32_t frameIdentifier(uint8_t priority, uint32_t pgn, uint8_t destination,
+                                uint8_t source) {
+    return (uint32_t{priority} << 26) | (pgn << 8) | (uint32_t{destination} << 8) | source;
+}
+
+// Transport frames: connection management carries a control byte, three bytes, 0xFF and the PGN;
+// RTS, BAM and EOM carry the size and the packet count.
+enum Control : uint8_t { RTS = 16, CTS = 17, EOM = 19, BAM = 32, ABORT = 255 };
+inline Bytes cm(uint8_t control, uint8_t b1, uint8_t b2, uint8_t b3, uint32_t pgn) {
+    const auto byte = [pgn](int shift) { return static_cast<uint8_t>(pgn >> shift); };
+    return {control, b1, b2, b3, 0xFF, byte(0), byte(8), byte(16)};
+}
+inline Bytes sized(uint8_t control, size_t size, uint32_t pgn) {
+    const size_t packets = std::min<size_t>((size - 1) / 7 + 1, 255);
+    return cm(control, static_cast<uint8_t>(size), static_cast<uint8_t>(size >> 8),
+              static_cast<uint8_t>(packets), pgn);
+}
+// Data packet `sequence` of `message`, padded with 0xFF.
+inline Bytes packet(uint32_t sequence, const Bytes& message) {
+    Bytes data(8, 0xFF);
+    data[0] = static_cast<uint8_t>(sequence);
+    for (size_t i = 0, at = (sequence - 1) * 7; i < 7 && at < message.size(); ++i, ++at) {
+        data[i + 1] = message[at];
+    }
+    return data;
+}
+
+constexpr uint8_t SELF = 0x80;
+constexpr uint8_t PEER = 0x30;
+constexpr uint8_t OTHER = 0x31;
+
+// For the request and transport protocols: this device claims SELF on channel 0, after PEER and
+// OTHER have claimed theirs.
+class ProtocolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(bus.runUntilClaimed(self));
+        bus.claimFrom(0, PEER, testNAME(2));
+        bus.claimFrom(0, OTHER, testNAME(3));
+        bus.update();
+        bus.frames.clear();
+    }
+    SimulatedBus bus;
+    TestInternalControlFunction self{testNAME(1), 0, {SELF}};
 };
 
 #endif
