@@ -217,9 +217,12 @@ TEST(MachineBusDetector, ListensOnBothMachineBusesUntilTheFirstEngineFrame) {
         Bus bus;
         std::uint32_t pgn;
         const char* name;
-    } rows[] = {{kBus0, 0xF004, "MACHINE_250K"},
-                {kBus1, 0xFEF2, "MACHINE_500K"},
-                {kBus1, 0xF004, "MACHINE_500K"}};
+    } rows[] = {
+        // clang-format off
+        {kBus0, 0xF004, "MACHINE_250K"}, {kBus1, 0xFEF2, "MACHINE_500K"},
+        {kBus1, 0xF004, "MACHINE_500K"},
+        // clang-format on
+    };
     for (const auto& row : rows) {
         Rig rig;
         rig.machine->onStart(rig.can);
@@ -439,52 +442,45 @@ TEST(ModelDetectors, RequestEverySecondOnTheDefaultBus) {
 // and one not in the table the base reader, passing every reader on the way.
 TEST(CaseModelDetector, VinOrModelNumberPicksReaderThenModel) {
     const char *kCt56 = "CaseCT56PropertyReader", *k3 = "CasePatriotClass3PropertyReader",
-               *k4 = "CasePatriotClass4PropertyReader", *kEt = "EtCanPropertyReader";
-    const std::map<std::string, Groups> filtersOf = {
-        {kCt56, standardGroups({0xFFEC})},
-        {k3, standardGroups({0xFF12})},
-        {k4, standardGroups({0xFF12})},
-        {"CaseTrident5550CanPropertyReader", standardGroups({0xFF12})},
-        {kEt, standardGroups()}};
+               *k4 = "CasePatriotClass4PropertyReader", *kEt = "EtCanPropertyReader",
+               *kTrident = "CaseTrident5550CanPropertyReader";
+    const std::map<std::string, Groups> filtersOf = {{kCt56, standardGroups({0xFFEC})},
+                                                     {k3, standardGroups({0xFF12})},
+                                                     {k4, standardGroups({0xFF12})},
+                                                     {kTrident, standardGroups({0xFF12})},
+                                                     {kEt, standardGroups()}};
     const struct {
-        std::string user;
+        const char* user;
         std::uint32_t pgn;
-        Bytes data;
-        const char* line;
+        int number;  // -1: the frame ends before the number
         const char* reader;
         const char* model;  // nullptr: not in the table
     } rows[] = {
-        {"", 0xFF7A, {1, 2, 3}, "INFO Detecting Case model from VIN", kCt56, "CT-56"},
-        {"New Holland", 0xFF7A, {}, "INFO Detecting Case model from VIN", kCt56, "CT-56"},
-        {"Miller", 0xFF7A, {1}, "INFO Detecting Case model from VIN", kCt56, "CT-56"},
-        {"", 0xFF12, {0, 0, 0, 0, 0, 0x00, 0, 0}, "0x0", k4, "Patriot 4430 T4"},
-        {"", 0xFF12, {0, 0, 0, 0, 0, 0x02, 0, 0}, "0x2", kEt, "Patriot 2240 T4"},
-        {"",
-         0xFF12,
-         {0, 0, 0, 0, 0, 0x05, 0, 0},
-         "0x5",
-         k3,
-         "2230 T3 ROW @ T4A / 3230 T3 ROW @ T4A / 3330 T3 ROW @ T4A"},
-        {"",
-         0xFF12,
-         {0, 0, 0, 0, 0, 0x18, 0, 0},
-         "0x18",
-         "CaseTrident5550CanPropertyReader",
-         "Trident 5550"},
-        {"", 0xFF12, {0, 0, 0, 0, 0, 0x2C, 0, 0}, "0x2c", kEt, "Titan 4545 T4B Flex Air 850"},
-        {"", 0xFF12, {0, 0, 0, 0, 0, 0x0E, 0, 0}, "0xe", kEt, nullptr},
-        {"", 0xFF12, {0, 0, 0, 0, 0, 0x2D, 0, 0}, "0x2d", kEt, nullptr},
-        {"", 0xFF12, {0, 0, 0, 0, 0}, "0xff", kEt, nullptr},  // the frame ends before the number
+        // clang-format off
+        {"", 0xFF7A, 0x18, kCt56, "CT-56"}, {"New Holland", 0xFF7A, -1, kCt56, "CT-56"},
+        {"Miller", 0xFF7A, 0x00, kCt56, "CT-56"},
+        {"", 0xFF12, 0x00, k4, "Patriot 4430 T4"}, {"", 0xFF12, 0x02, kEt, "Patriot 2240 T4"},
+        {"", 0xFF12, 0x05, k3, "2230 T3 ROW @ T4A / 3230 T3 ROW @ T4A / 3330 T3 ROW @ T4A"},
+        {"", 0xFF12, 0x18, kTrident, "Trident 5550"},
+        {"", 0xFF12, 0x2C, kEt, "Titan 4545 T4B Flex Air 850"},
+        {"", 0xFF12, 0x0E, kEt, nullptr}, {"", 0xFF12, 0x2D, kEt, nullptr},
+        {"", 0xFF12, -1, kEt, nullptr},
+        // clang-format on
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.line) + " " + row.user);
-        Rig rig("{\"manufacturer\": \"" + row.user + "\"}");
-        rig.identify(row.user.empty() ? 213 : -1);
-        rig.can->deliver(kBus0, row.pgn, row.data);
+        SCOPED_TRACE(std::string(row.user) + " " + std::to_string(row.number));
+        Rig rig(std::string("{\"manufacturer\": \"") + row.user + "\"}");
+        rig.identify(*row.user ? -1 : 213);
+        Bytes frame = {0, 0, 0, 0, 0};
+        if (row.number >= 0) {
+            frame.insert(frame.end(), {std::uint8_t(row.number), 0, 0});
+        }
+        rig.can->deliver(kBus0, row.pgn, frame);  // only the arrival of a VIN counts
 
-        Texts expected = {row.pgn == 0xFF7A ? row.line
-                                            : "INFO Detecting Case model number " +
-                                                  std::string(row.line) + " from 0xff12 message"};
+        std::ostringstream line;  // a number cut off reads as 0xff
+        line << "INFO Detecting Case model number 0x" << std::hex << (row.number & 0xFF)
+             << " from 0xff12 message";
+        Texts expected = {row.pgn == 0xFF7A ? "INFO Detecting Case model from VIN" : line.str()};
         const Texts passed =
             row.reader == kEt ? Texts(9, "BaseCanPropertyReader") : Texts{row.reader};
         for (const auto& state : passed) {
@@ -522,6 +518,9 @@ TEST(AgcoModelDetector, IdentificationTextPicksReader) {
         {"A*B9320*x", nullptr}, {"", nullptr},
         // clang-format on
     };
+    // The filters of each outcome on the product bus.
+    const std::map<std::string, Groups> productOf = {
+        {k900, {0xFEFC, 0xFE56}}, {kC, {0xFEFC}}, {kB, {}}, {kGen, {}}, {"", {}}};
     for (const auto& row : rows) {
         const std::string text = row.text;
         SCOPED_TRACE(text);
@@ -538,11 +537,8 @@ TEST(AgcoModelDetector, IdentificationTextPicksReader) {
         EXPECT_EQ(rig.current(), row.reader ? row.reader : kAgcoModel);
         EXPECT_EQ(values(rig.properties->model), row.reader ? Texts{text} : Texts{});
         EXPECT_EQ(rig.can->tick(), row.reader == nullptr);  // asks again until it succeeds
-        const std::map<std::string, Groups> productOf = {{k900, {0xFEFC, 0xFE56}}, {kC, {0xFEFC}}};
-        const auto product = productOf.find(row.reader ? row.reader : "");
         EXPECT_EQ(rig.can->filtersOn(kBus0), row.reader ? standardGroups() : Groups{0xFEEC});
-        EXPECT_EQ(rig.can->filtersOn(kProduct),
-                  product == productOf.end() ? Groups{} : product->second);
+        EXPECT_EQ(rig.can->filtersOn(kProduct), productOf.at(row.reader ? row.reader : ""));
         rig.machine->onStop();
         EXPECT_TRUE(rig.can->filters.empty());
     }
@@ -571,17 +567,13 @@ void startReader(Rig& rig, Enter reader) {
 // Every flag silences its own signal, not the filter: with all set, no frame gives a sample.
 struct Silent : BaseCanPropertyReader {
     Silent() {
-        suppressRpm = true;
-        suppressPercentLoadAtCurrentSpeed = true;
-        suppressPercentLoadOfTotalTorque = true;
-        suppressFuelConsumptionRate = true;
-        suppressCoolantTemperature = true;
-        suppressEngineOilPressure = true;
-        suppressEngineOilTemperature = true;
-        suppressTransmissionOilTemperature = true;
-        suppressDefLevel = true;
-        suppressHours = true;
-        suppressFuelLevel = true;
+        for (bool* flag :
+             {&suppressRpm, &suppressPercentLoadAtCurrentSpeed, &suppressPercentLoadOfTotalTorque,
+              &suppressFuelConsumptionRate, &suppressCoolantTemperature, &suppressEngineOilPressure,
+              &suppressEngineOilTemperature, &suppressTransmissionOilTemperature, &suppressDefLevel,
+              &suppressHours, &suppressFuelLevel}) {
+            *flag = true;
+        }
     }
     void onManufacturerStart(std::shared_ptr<CanPropertySourceStateMachine>,
                              std::shared_ptr<CanInterface>) override {}
@@ -654,13 +646,11 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
                      << rig.current() << " " << busName(row.bus) << " 0x" << std::hex << row.pgn);
         rig.can->deliver(row.bus, row.pgn, row.data);
         for (PropertyBase* base : rig.properties->engineProperties) {
-            const auto* property = dynamic_cast<Property<double>*>(base);
-            ASSERT_NE(property, nullptr);
-            const auto sample = row.samples.find(property->name);
-            EXPECT_EQ(values(*property), sample == row.samples.end()
-                                             ? std::vector<double>{}
-                                             : std::vector<double>{sample->second})
-                << property->name;
+            const auto sample = row.samples.find(base->name);
+            EXPECT_EQ(values(dynamic_cast<Property<double>&>(*base)),
+                      sample == row.samples.end() ? std::vector<double>{}
+                                                  : std::vector<double>{sample->second})
+                << base->name;
         }
     }
 }
