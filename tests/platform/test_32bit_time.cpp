@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <vector>
@@ -105,6 +106,22 @@ TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
         EXPECT_EQ(Stack::timeElapsed(row.start), row.since);
     }
     Stack::Timestamp_ms = saved;
+}
+
+// Properties and telemetry narrow the clock's nanoseconds alike: whole milliseconds, taken
+// modulo 2^32 into the signed range.
+TEST(Time32, PropertiesAndTelemetryNarrowAlike) {
+    const std::pair<std::int64_t, std::int64_t> rows[] = {
+        {999999, 0},
+        {2147483647999999, 2147483647},
+        {2147483648000000, INT32_MIN},
+        {4294967301000000, 5},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(narrowedMilliseconds(row.first), row.second) << row.first;
+        EXPECT_EQ(telemalog::narrowTimestamp(std::chrono::nanoseconds(row.first)), row.second)
+            << row.first;
+    }
 }
 
 // The stack, the properties and the manager read one monotonic clock: their milliseconds
