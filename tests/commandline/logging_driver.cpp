@@ -1,7 +1,7 @@
-// Runs the command-line and logging set-up with its own file paths, then reports what it got:
+// Runs the command-line and logging set-up with its own file paths, then reports the root logger:
 //   logging_driver <installed ini> <fallback ini> <log file> <mode> [options...]
-// The mode stands in for the program name. "report" prints the root logger; "hold" then also
-// waits longer than the watch interval before it logs again.
+// The mode stands in for the program name; "hold" then waits longer than the watch interval of
+// 5000 ms before it logs again.
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -19,22 +19,14 @@ int main(int argc, char** argv) {
         return 2;
     }
     log4cplus::Initializer initializer;
-    LoggingPaths paths;
-    paths.installedConfig = argv[1];
-    paths.fallbackConfig = argv[2];
-    paths.logFile = argv[3];
-    const std::string mode = argv[4];
-    parse_args(argc - 4, argv + 4, paths);
-
+    parse_args(argc - 4, argv + 4, LoggingPaths{argv[1], argv[2], argv[3]});
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     std::string value = log4cplus::getLogLevelManager().toString(root.getLogLevel());
     for (const auto& appender : root.getAllAppenders()) {
         value += ", " + appender->getName();
     }
     std::cout << "root: " << value << std::endl;
-
-    if (mode == "hold") {
-        // Past one full watch interval of 5000 ms after the test's edit.
+    if (std::string(argv[4]) == "hold") {
         std::this_thread::sleep_for(std::chrono::milliseconds(5500));
         LOG4CPLUS_INFO(log4cplus::Logger::getInstance("tilthwatch.driver"), "after the edit");
     }

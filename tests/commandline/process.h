@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -22,9 +21,8 @@ extern char** environ;
 namespace clitest {
 
 inline std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
@@ -59,10 +57,10 @@ public:
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, (dir_ / "out").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, (dir_ / "err").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        for (int fd : {1, 2}) {
+            posix_spawn_file_actions_addopen(&actions, fd, (dir_ / std::to_string(fd)).c_str(),
+                                             O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        }
         if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
             pid_ = -1;
         }
@@ -77,21 +75,21 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    bool started() const { return pid_ > 0; }
     void signal(int number) { ::kill(pid_, number); }
 
-    // The exit status, or -1 if the child did not exit normally within `timeout`.
+    // The exit status, or -1 if the child did not start or exit normally within `timeout`.
     int wait(std::chrono::milliseconds timeout = std::chrono::milliseconds(20000)) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         int status = 0;
-        while (::waitpid(pid_, &status, WNOHANG) != pid_) {
+        while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) != pid_) {
             if (std::chrono::steady_clock::now() > deadline) {
                 return -1;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
+        const bool exited = pid_ > 0 && WIFEXITED(status);
         pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return exited ? WEXITSTATUS(status) : -1;
     }
     // True once standard output holds `text`, within `timeout`.
     bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
@@ -105,8 +103,8 @@ public:
         return true;
     }
 
-    std::string out() const { return readFile(dir_ / "out"); }
-    std::string err() const { return readFile(dir_ / "err"); }
+    std::string out() const { return readFile(dir_ / "1"); }
+    std::string err() const { return readFile(dir_ / "2"); }
 
 private:
     TempDir dir_;
@@ -115,7 +113,7 @@ private:
 
 // Runs to the end and gives the exit status.
 inline int run(Process& process) {
-    return process.started() ? process.wait() : -1;
+    return process.wait();
 }
 
 }  // namespace clitest

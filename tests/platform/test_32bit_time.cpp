@@ -2,9 +2,9 @@
 
 #include <time.h>
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <string>
 #include <vector>
 
 #include "TelematicsCollector/property.h"
@@ -12,9 +12,8 @@
 #include "telemalog/aggregate.h"
 #include "telemalog/manager.h"
 
-using nvsf::telemalog::Manager;
-using nvsf::telemalog::ValueMap;
-namespace agg = nvsf::telemalog::aggregation;
+namespace telemalog = nvsf::telemalog;
+using Stack = NetworkManagementUtilitiesClass;
 
 namespace {
 
@@ -31,61 +30,52 @@ TEST(Time32, TheBoardBuildIsA32BitOne) {
 
 // Telemetry times are milliseconds narrowed through signed 32 bits, so they jump from
 // 2147483647 to -2147483648 after 24.8 days of uptime. A sample after the jump counts as
-// earlier than an interval opened before it and is dropped from that interval; that one
-// record is short, the next interval is whole. Wherever no jump falls between the opening and
-// a sample, the record is the same as far from any wrap.
+// earlier than an interval opened before it and is dropped from that interval; wherever no
+// jump falls between the opening and a sample, the record is the same as far from any wrap.
 TEST(Time32, IntervalsAroundTheNarrowedWrap) {
-    const std::uint64_t mask = agg::kMin | agg::kMax | agg::kLast | agg::kChronoMean |
-                               agg::kEventCount | agg::kDuration | agg::kChronoDuration;
-    // Offsets from the opening, in milliseconds, and values.
-    const std::vector<std::pair<std::int64_t, double>> samples = {
-        {100, 10.0}, {600, 30.0}, {1500, 20.0}, {1900, 50.0}};
-    const std::int64_t closeAt = 2400;
+    namespace agg = telemalog::aggregation;
+    // Offsets from the opening in milliseconds, with values.
+    const std::pair<int, double> samples[] = {{100, 10.0}, {600, 30.0}, {1500, 20.0}, {1900, 50.0}};
     const auto closeFrom = [&](std::int64_t opening) {
         const auto narrowed = [](std::int64_t ms) {
-            return static_cast<std::int64_t>(static_cast<std::int32_t>(
-                static_cast<std::uint32_t>(static_cast<std::uint64_t>(ms))));
+            return static_cast<std::int64_t>(static_cast<std::int32_t>(std::uint32_t(ms)));
         };
-        Manager manager(std::vector<nvsf::telemalog::Sink*>{}, [] { return 0; });
+        telemalog::Manager manager(std::vector<telemalog::Sink*>{}, [] { return 0; });
         const std::uint32_t id = manager.openInterval(
-            "machineTelematics", nvsf::telemalog::SimpleAggregationPlan{{"rpm", mask}},
+            "machineTelematics",
+            telemalog::SimpleAggregationPlan{{"rpm", agg::kMin | agg::kMax | agg::kLast |
+                                                         agg::kChronoMean | agg::kEventCount |
+                                                         agg::kDuration | agg::kChronoDuration}},
             narrowed(opening));
         for (const auto& sample : samples) {
-            ValueMap values;
+            telemalog::ValueMap values;
             values.set("rpm", sample.second);
             manager.logValues(values, narrowed(opening + sample.first));
         }
-        return manager.closeInterval(id, ValueMap(), narrowed(opening + closeAt));
+        return manager.closeInterval(id, telemalog::ValueMap(), narrowed(opening + 2400));
     };
     const std::int64_t jump = 2147483648;  // 24.8 days
-    const ValueMap far = closeFrom(1000);
+    const telemalog::ValueMap far = closeFrom(1000);
+    ASSERT_EQ(far.getInt("rpm.event_count"), 4);
     const struct {
-        const char* name;
         std::int64_t opening;
         int events;  // 4: the record equals the one far from the wrap
         const char* max;
     } rows[] = {
-        {"closed after the jump", jump - 2000, 4, "50.000000"},
-        {"jump between samples", jump - 700, 2, "30.000000"},
-        {"every sample after the jump", jump - 50, 0, "<null>"},
-        {"opened after the jump", jump + 100, 4, "50.000000"},
-        {"across the unsigned wrap", 4294967296 - 1000, 4, "50.000000"},
-        {"a second jump later", 3 * jump - 2000, 4, "50.000000"},
+        {jump - 2000, 4, "50.000000"},        // closed after the jump
+        {jump - 700, 2, "30.000000"},         // the jump between samples
+        {jump - 50, 0, "<null>"},             // every sample after the jump
+        {jump + 100, 4, "50.000000"},         // opened after the jump
+        {4294967296 - 1000, 4, "50.000000"},  // across the unsigned wrap
+        {3 * jump - 2000, 4, "50.000000"},    // a second jump later
     };
-    ASSERT_EQ(far.getInt("rpm.event_count"), 4);
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        const ValueMap near = closeFrom(r.opening);
-        EXPECT_EQ(near.getInt("rpm.event_count"), r.events);
-        EXPECT_EQ(nvsf::telemalog::toText(near.get("rpm.max")), r.max);
-        EXPECT_EQ(near.getInt("duration"), closeAt);
-        for (const auto& entry : far) {
-            if (r.events == 4 && entry.first.rfind("rpm.", 0) == 0) {
-                EXPECT_EQ(nvsf::telemalog::toText(near.get(entry.first)),
-                          nvsf::telemalog::toText(entry.second))
-                    << entry.first;
-            }
-        }
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.opening);
+        const telemalog::ValueMap near = closeFrom(row.opening);
+        EXPECT_EQ(near.getInt("rpm.event_count"), row.events);
+        EXPECT_EQ(telemalog::toText(near.get("rpm.max")), row.max);
+        EXPECT_EQ(near.getInt("duration"), 2400);
+        EXPECT_EQ(near == far, row.events == 4);
     }
 }
 
@@ -93,8 +83,8 @@ TEST(Time32, IntervalsAroundTheNarrowedWrap) {
 // measured by unsigned subtraction, so it ends on time across the wrap.
 TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
     static std::uint32_t now = 0;
-    const auto saved = NetworkManagementUtilitiesClass::Timestamp_ms;
-    NetworkManagementUtilitiesClass::Timestamp_ms = [] { return now; };
+    const auto saved = Stack::Timestamp_ms;
+    Stack::Timestamp_ms = [] { return now; };
     const struct {
         std::uint32_t start;
         std::uint32_t now;
@@ -109,13 +99,29 @@ TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
         {0xFFFFFFA0u, 0x0000009Au, 250, true, 250},
         {0xFFFFFFFFu, 0x00000000u, 1, true, 1},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.now);
-        now = r.now;
-        EXPECT_EQ(NetworkManagementUtilitiesClass::timeElapsed(r.start, r.wait), r.elapsed);
-        EXPECT_EQ(NetworkManagementUtilitiesClass::timeElapsed(r.start), r.since);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.now);
+        now = row.now;
+        EXPECT_EQ(Stack::timeElapsed(row.start, row.wait), row.elapsed);
+        EXPECT_EQ(Stack::timeElapsed(row.start), row.since);
     }
-    NetworkManagementUtilitiesClass::Timestamp_ms = saved;
+    Stack::Timestamp_ms = saved;
+}
+
+// Properties and telemetry narrow the clock's nanoseconds alike: whole milliseconds, taken
+// modulo 2^32 into the signed range.
+TEST(Time32, PropertiesAndTelemetryNarrowAlike) {
+    const std::pair<std::int64_t, std::int64_t> rows[] = {
+        {999999, 0},
+        {2147483647999999, 2147483647},
+        {2147483648000000, INT32_MIN},
+        {4294967301000000, 5},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(narrowedMilliseconds(row.first), row.second) << row.first;
+        EXPECT_EQ(telemalog::narrowTimestamp(std::chrono::nanoseconds(row.first)), row.second)
+            << row.first;
+    }
 }
 
 // The stack, the properties and the manager read one monotonic clock: their milliseconds
@@ -123,12 +129,11 @@ TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
 TEST(Time32, TheSubsystemsReadTheSameMilliseconds) {
     timespec ts;
     ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &ts), 0);
-    const std::uint32_t stack = NetworkManagementUtilitiesClass::defaultTimestamp_ms();
+    const std::uint32_t stack = Stack::defaultTimestamp_ms();
     const auto property = static_cast<std::uint32_t>(propertyTimestampMs());
-    const auto telemetry = static_cast<std::uint32_t>(nvsf::telemalog::monotonicTimestamp());
-    const auto direct =
-        static_cast<std::uint32_t>(static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
-                                   static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u);
+    const auto telemetry = static_cast<std::uint32_t>(telemalog::monotonicTimestamp());
+    const auto direct = static_cast<std::uint32_t>(std::uint64_t(ts.tv_sec) * 1000u +
+                                                   std::uint64_t(ts.tv_nsec) / 1000000u);
     // Read one after another, a few milliseconds at most apart even under an emulator.
     EXPECT_LE(stack - direct, 50u);
     EXPECT_LE(property - stack, 50u);
