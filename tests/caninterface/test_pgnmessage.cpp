@@ -3,13 +3,11 @@
 #include <climits>
 #include <vector>
 
-#include "caninterface/bus.h"
 #include "caninterface/pgnmessage.h"
 
 namespace {
 
-class Message : public PgnMessage {
-public:
+struct Message : PgnMessage {
     explicit Message(std::vector<std::uint8_t> bytes) { data = std::move(bytes); }
     int manufacturerCode() const override { return -1; }
     bool hasSource() const override { return false; }
@@ -25,18 +23,15 @@ TEST(PgnMessage, GetValueReadsLittleEndianAndTellsAvailability) {
         bool valid;
     } rows[] = {
         // clang-format off
-        {counting, 2, 1, 0x03, true}, {counting, 3, 2, 0x0504, true},
-        {counting, 0, 3, 0x030201, true},
+        {counting, 2, 1, 0x03, true}, {counting, 0, 3, 0x030201, true},
         {counting, 1, 6, 0x05040302, true},  // longer fields read four bytes
         {{0xFF, 0xFE}, 0, 2, 0xFEFF, true}, {{0xFF, 0xFF}, 0, 2, 0xFFFF, false},
-        {{0xFF, 0xFF, 0xFF, 0xFF}, 0, 4, 0xFFFFFFFF, false}, {{0x00}, 0, 1, 0, true},
-        {counting, 0, 0, 0, false}, {counting, 0, -3, 0, false},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, 0, 4, 0xFFFFFFFF, false}, {counting, 0, 0, 0, false},
+        {counting, 0, -3, 0, false},  // no length, no value
         // a field not wholly inside the payload is not available
-        {{0x10}, 0, 2, 0xFFFF, false}, {{0x10}, 0, 3, 0xFFFFFF, false},
-        {{1, 2, 3, 4}, 3, 2, 0xFFFF, false}, {{1, 2, 3, 4}, 0, 6, 0x04030201, true},
-        {{0x10}, 4, 2, 0xFFFF, false}, {{0x10}, -1, 1, 0xFF, false},
-        {{0x10}, -1, 2, 0xFFFF, false}, {counting, INT_MAX, 4, 0xFFFFFFFF, false},
-        {counting, INT_MIN, 4, 0xFFFFFFFF, false}, {{}, 0, 1, 0xFF, false},
+        {{0x10}, 0, 3, 0xFFFFFF, false}, {{1, 2, 3, 4}, 3, 2, 0xFFFF, false},
+        {{1, 2, 3, 4}, 0, 6, 0x04030201, true}, {{0x10}, -1, 1, 0xFF, false},
+        {counting, INT_MAX, 4, 0xFFFFFFFF, false}, {{}, 0, 1, 0xFF, false},
         // clang-format on
     };
     for (const auto& row : rows) {
@@ -44,20 +39,6 @@ TEST(PgnMessage, GetValueReadsLittleEndianAndTellsAvailability) {
         bool valid = !row.valid;  // must be overwritten either way
         EXPECT_EQ(Message(row.data).getValue(row.offset, row.length, valid), row.value);
         EXPECT_EQ(valid, row.valid);
-    }
-}
-
-TEST(Bus, MapsToChannelAndName) {
-    const struct {
-        Bus bus;
-        std::uint8_t channel;
-        const char* name;
-    } rows[] = {{Bus::MACHINE_250K, 0, "MACHINE_250K"}, {Bus::MACHINE_500K, 1, "MACHINE_500K"},
-                {Bus::PRODUCT_250K, 2, "PRODUCT_250K"}, {Bus::NONE, 255, "NONE"},
-                {static_cast<Bus>(7), 255, "7"},        {static_cast<Bus>(-1), 255, "-1"}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(busChannelIndex(row.bus), row.channel) << row.name;
-        EXPECT_EQ(busName(row.bus), row.name);
     }
 }
 
