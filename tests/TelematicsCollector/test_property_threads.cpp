@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,10 +41,8 @@ TEST(PropertyThreads, ConcurrentSetAndFlushLoseAndDoubleNothing) {
     properties.flushProperties(manager);
 
     const ValueMap record = manager->closeInterval(id);
-    std::vector<double> expected;
-    for (int i = 0; i < kSamples; ++i) {
-        expected.push_back(i);
-    }
+    std::vector<double> expected(kSamples);
+    std::iota(expected.begin(), expected.end(), 0.0);
     EXPECT_EQ(record.getDoubleVector("rpm.values"), expected);
     EXPECT_EQ(record.getStringVector("model.values"), std::vector<std::string>{"7040"});
     EXPECT_EQ(record.getIntVector("manufacturerCode.values"), std::vector<int>{102});
