@@ -40,13 +40,13 @@ Text dump(const Entries& entries, std::size_t cut = 0) {
 TEST(Value, ConvertsAndOrdersAsTabled) {
     const std::vector<std::pair<Value, Text>> rows = {
         // value, then toBool toInt toDouble toText
+        {0, "0 0 0 0"},
+        {0.0, "0 0 0 0.000000"},
         {-1.9, "1 -1 -1.9 -1.900000"},
-        // A const char* is a flag: the text it points at is never read.
-        {kFive, "1 1 1 true"},
+        {kFive, "1 1 1 true"},  // a const char* is a flag: its text is never read
         {static_cast<const char*>(nullptr), "0 0 0 false"},
-        // Only the presence of elements counts; elements print through a stream, not "%f".
-        {std::vector<int>{}, "0 0 0 []"},
-        {std::vector<double>{1.5, 2.0}, "1 0 0 [1.5, 2]"},
+        {std::vector<int>{}, "0 0 0 []"},                   // only the presence of elements counts
+        {std::vector<double>{1.5, 2.0}, "1 0 0 [1.5, 2]"},  // elements not printed by "%f"
         // Text is true only as "true" in any case; numbers parse like strtol and strtod, and
         // a failed or out-of-range parse gives zero.
         {Text("1"), "0 1 1 1"},
@@ -54,8 +54,7 @@ TEST(Value, ConvertsAndOrdersAsTabled) {
         {Text("abc"), "0 0 0 abc"},
         {Text("3000000000"), "0 0 3e+09 3000000000"},  // beyond the target's long
         {Text("1e999"), "0 1 0 1e999"},
-        // Beyond int the target's conversion saturates; NaN gives 0.
-        {1e10, "1 2147483647 1e+10 10000000000.000000"},
+        {1e10, "1 2147483647 1e+10 10000000000.000000"},  // saturated beyond int
         {-1e10, "1 -2147483648 -1e+10 -10000000000.000000"},
         {std::numeric_limits<double>::quiet_NaN(), "1 0 nan nan"},
     };
@@ -245,8 +244,7 @@ TEST(ManagerDelivery, SinksGetTheLoggedRecordInOrderUntilOneFails) {
     EXPECT_EQ(dump(first->collected()[0]), "rpm.last=900.000000 type=machineTelematics ");
     EXPECT_TRUE(after->collected().empty());
     EXPECT_EQ(dump(record), "rpm.last=900.000000 type=5 ") << "the caller's map is unchanged";
-    // Values are logged before any sink is called.
-    EXPECT_EQ(toText(manager.currentValue("type")), "machineTelematics");
+    EXPECT_EQ(toText(manager.currentValue("type")), "machineTelematics");  // logged first
     EXPECT_EQ(dump(manager.closeInterval(id)), "duration=100 rpm.last.count=1 type=m ");
 }
 
@@ -260,8 +258,7 @@ TEST_F(ManagerTest, PeriodicIntervalsFlushOnScheduleAndReseed) {
     EXPECT_EQ(manager.flushDueIntervals(1001), 1);
     EXPECT_EQ(manager.flushDueIntervals(2500), 1);
     EXPECT_EQ(manager.flushDueIntervals(2999), 0);
-    // Each key restarts from one sample of its current value, even an empty one. Periodic
-    // records are not logged back.
+    // Each key restarts from a sample of its current value, even empty; no record is logged back.
     EXPECT_EQ(dump(sink.collected().at(0)) + dump(sink.collected().at(1)) + current("type"),
               "duration=1001 never.first=<null> type=p v.event_count=1 v.last=2 "
               "duration=1499 never.first=<null> type=p v.event_count=0 v.last=2 <null>");
@@ -270,12 +267,13 @@ TEST_F(ManagerTest, PeriodicIntervalsFlushOnScheduleAndReseed) {
 TEST(DebugSink, WritesOneLinePerKeyAndRemembersTheRecord) {
     std::ostringstream out;
     DebugSink sink(out);
-    sink.log(ValueMap());  // without a type
     sink.log({{"type", Text("engine")}, {"rpm", 1500.5}});
-    EXPECT_THROW(sink.log({{"type", 3}}), boost::bad_get);  // a type not text, after writing
-    EXPECT_EQ(out.str() + sink.previousType() + " " + dump(sink.previousRecord()),
-              "{\n}\n{\n\trpm:\t1500.500000\n\ttype:\tengine\n}\n{\n\ttype:\t3\n}\n"
+    EXPECT_EQ(sink.previousType() + " " + dump(sink.previousRecord()),
               "engine rpm=1500.500000 type=engine ");
+    sink.log(ValueMap());                                   // without a type
+    EXPECT_THROW(sink.log({{"type", 3}}), boost::bad_get);  // a type not text, after writing
+    EXPECT_EQ(out.str() + sink.previousType(),
+              "{\n\trpm:\t1500.500000\n\ttype:\tengine\n}\n{\n}\n{\n\ttype:\t3\n}\n");
 }
 
 // What a CSV sink on standard output writes for the records, with each local time stamp as T.
