@@ -40,6 +40,8 @@ Text dump(const Entries& entries, std::size_t cut = 0) {
 TEST(Value, ConvertsAndOrdersAsTabled) {
     const std::vector<std::pair<Value, Text>> rows = {
         // value, then toBool toInt toDouble toText
+        {E, "0 0 0 <null>"},
+        {true, "1 1 1 true"},
         {0, "0 0 0 0"},
         {0.0, "0 0 0 0.000000"},
         {-1.9, "1 -1 -1.9 -1.900000"},
@@ -91,9 +93,8 @@ TEST(Aggregate, EverySuffixOverOneSampleSet) {
          "values=<null> unique_values=<null> min=<null> max=<null> concat= duration=1000 "
          "chrono_mean=<null> chrono_median=<null> chrono_mode=<null> chrono_stddev=<null> "
          "first=<null> middle=<null> last=<null> delta=<null> rate=<null> chrono_duration=0 "},
-        // Mixed, out of time order: text parsed by sum only, means and deviations over int and
-        // double (stddev dividing by all 8), min and max over the alternative of the first
-        // non-empty sample, values over that of the first. The first 100 ms are not sampled.
+        // Mixed, out of time order: text parsed by sum only, means over int and double (stddev
+        // dividing by all 8), min and max over the first non-empty sample's alternative.
         {{{300, E}, {100, 2}, {400, 1}, {200, Text("3")}, {600, true}, {500, 2}, {700, 1.5},
           {700, 1.0}},
          "event_count=8 count=8 unique_count=7 sum=11.500000 product=0.000000 mean=1.500000 "
@@ -169,9 +170,8 @@ TEST_F(ManagerTest, CloseBuildsTheRecordFromStartExtraAndAggregates) {
         {"rpm", flags, ""},
         {"load", flags, ""},
         {"unknown", kEventCount | kMax, ""},
-        // The high word's event count bit leaves an alias, and the minimum overwrites the
-        // event count. A name planned twice keeps the later entry, whose alias is dropped for
-        // naming several aggregates, and gets its samples once.
+        // The event count bit leaves an alias, and the minimum overwrites the count. A name
+        // planned twice keeps the later entry, without the alias of several aggregates.
         {"oil", kEventCount | kMin, "low"},
         {"speed", kMax, "peak"},
         {"speed", kCount | kMax, "range"},
@@ -222,7 +222,6 @@ TEST_F(ManagerTest, SamplesBeforeTheStartOrBeyondTheLimitAreDropped) {
     EXPECT_EQ(dump(manager.closeInterval(small, ValueMap(), 20000)) +
                   dump(manager.closeInterval(large, ValueMap(), 20000)),
               "duration=20000 type=m w.count=3 w.last=2 duration=20000 type=m w.count=10000 ");
-    // Times wrap through signed 32 bits.
     EXPECT_EQ(narrowTimestamp(std::chrono::milliseconds(2147483648)), -2147483648ll);
     EXPECT_EQ(narrowTimestamp(std::chrono::nanoseconds(4294967296999999)), 0);
 }
@@ -250,18 +249,19 @@ TEST(ManagerDelivery, SinksGetTheLoggedRecordInOrderUntilOneFails) {
 
 TEST_F(ManagerTest, PeriodicIntervalsFlushOnScheduleAndReseed) {
     log("v", 1, 0);
-    const SimpleAggregationPlan plan = {{"v", kEventCount | kLast}, {"never", kFirst}};
+    const SimpleAggregationPlan plan = {{"v", kEventCount | kLast}, {"never", kCount}};
     EXPECT_EQ(manager.openPeriodicInterval("p", 1000, plan, Manager::kDefaultMaxSamples, 0), 0u);
+    EXPECT_EQ(manager.openPeriodicInterval("q", 5000, plan, Manager::kDefaultMaxSamples, 0), 1u);
     log("v", 2, 100);
-    // Due only after its time; a late flush keeps the schedule: next due at 2000, not 3001.
+    // Due only after its time; a late flush keeps the schedule: next due at 2000, not 2500.
     EXPECT_EQ(manager.flushDueIntervals(1000), 0);
-    EXPECT_EQ(manager.flushDueIntervals(1001), 1);
-    EXPECT_EQ(manager.flushDueIntervals(2500), 1);
+    EXPECT_EQ(manager.flushDueIntervals(1500), 1);
+    EXPECT_EQ(manager.flushDueIntervals(2001), 1);
     EXPECT_EQ(manager.flushDueIntervals(2999), 0);
     // Each key restarts from a sample of its current value, even empty; no record is logged back.
     EXPECT_EQ(dump(sink.collected().at(0)) + dump(sink.collected().at(1)) + current("type"),
-              "duration=1001 never.first=<null> type=p v.event_count=1 v.last=2 "
-              "duration=1499 never.first=<null> type=p v.event_count=0 v.last=2 <null>");
+              "duration=1500 never.count=0 type=p v.event_count=1 v.last=2 "
+              "duration=501 never.count=1 type=p v.event_count=0 v.last=2 <null>");
 }
 
 TEST(DebugSink, WritesOneLinePerKeyAndRemembersTheRecord) {
