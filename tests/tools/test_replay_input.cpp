@@ -89,7 +89,7 @@ TEST(ReplayInput, BadLogOrOptionEndsWithStatus2AndAMessageAndNoRecord) {
 }
 
 // Frames of an interface that is no channel, and error frames, are skipped with one warning
-// each; the rest plays and the replay ends well.
+// each; the rest plays, a line ending in CR LF too, and the replay ends well.
 TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
     ReplayRun run;
     const std::string log = run.path("mixed.log");
@@ -100,7 +100,7 @@ TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
                        "(1700000000.003000) can0 0CF00400#F18A88781F00F0FF\n"
                        "(1700000000.004000) can2 20000004#0000000000000000\n"
                        "(1700000000.005000) can3 20000004#0000000000000000\n"
-                       "(1700000000.006000) can2 123#R\n");
+                       "(1700000000.006000) can2 123#R\r\n");  // as written on Windows
     ASSERT_EQ(run.run({log}), 0) << run.err;
     const std::string prefix = "tilthwatch-replay: " + log;
     EXPECT_EQ(run.err, prefix + ":1: warning: frames of interface \"vcan0\" are skipped\n" +
