@@ -74,7 +74,11 @@ public:
         : successValue_(successValue), listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
-        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        // A stalled service's connections take a few kilobytes at most: writes to it soon block.
+        const int buffer = 4096;
+        if ((mode == Listen::Stalled &&
+             ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer) != 0) ||
+            ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             ::listen(listener_, mode == Listen::Stalled ? 0 : SOMAXCONN) != 0 ||
             ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
             throw std::runtime_error("Ice test server cannot listen");

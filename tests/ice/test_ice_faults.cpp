@@ -132,8 +132,8 @@ TEST(IceFaults, TelematicsIceSinkKeepsItsRetryRule) {
 TEST(IceFaults, RunLoopKeepsItsPeriodWhileTheServiceStalls) {
     blockStopSignals();  // before any thread exists, so only the loop takes SIGTERM
     const milliseconds period{400};
-    const milliseconds timeout{150};
-    const Reply late = Reply::late(timeout * 5 / 4);
+    const milliseconds timeout = kTimeout;
+    const Reply late = Reply::late(kLate);
     IceTestServer ice;
     ice.queueReplies({late, late, late});
     LogCapture capture("tilthwatch.telematicsicesink");
