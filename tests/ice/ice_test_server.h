@@ -1,14 +1,23 @@
 #pragma once
 
-// A real Thrift server of service Ice on a loopback port. It records every call and can be
-// told how to fail the next ones.
+// A Thrift server of service Ice on a loopback port. It records every call, answers as the
+// real service does, and can be told to misbehave: each call takes the next queued reply.
+// It reads and writes the wire format itself, so what it does not break reaches the client
+// as the real service would send it.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <future>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -16,9 +25,8 @@
 
 #include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/server/TThreadedServer.h>
 #include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TServerSocket.h>
+#include <thrift/transport/TSocket.h>
 
 #include "ice/Ice.h"
 
@@ -26,13 +34,25 @@ namespace icetest {
 
 namespace at = apache::thrift;
 
-enum class Reply {
-    Success,           // answer with the success value
-    ApplicationError,  // the handler throws: the client sees a TApplicationException
-    DropConnection,    // read the call, close without answering
-    BadVersion,        // read the call, answer with a bad protocol version
-};
+struct Reply {
+    std::chrono::milliseconds delay{0};  // before a proper answer
+    enum { kAnswer, kFailure, kBytes, kHalf, kReset } kind = kAnswer;
+    std::string bytes;  // sent instead of an answer, and then the server closes
 
+    static Reply late(std::chrono::milliseconds by) { return {by, kAnswer, {}}; }
+    static const Reply ApplicationError, DropConnection, BadVersion, HttpError, HalfAnswer, Reset;
+};
+// The client sees a TApplicationException.
+inline const Reply Reply::ApplicationError{{}, kFailure, {}};
+inline const Reply Reply::DropConnection{{}, kBytes, ""};
+// Reads as a protocol version that does not exist.
+inline const Reply Reply::BadVersion{{}, kBytes, std::string("\x80\x02\x00\x01", 4)};
+// Reads as a string length of over a gigabyte.
+inline const Reply Reply::HttpError{{}, kBytes, "HTTP/1.1 400 Bad Request\r\n\r\n"};
+inline const Reply Reply::HalfAnswer{{}, kHalf, {}};  // then it closes
+inline const Reply Reply::Reset{{}, kReset, {}};      // on accept, before anything is read
+
+// A request read in full, whatever its answer.
 struct Call {
     std::string method;
     std::string sType;
@@ -40,34 +60,35 @@ struct Call {
     std::vector<ice::eDataType::type> eType;
     std::vector<std::string> sKey;
     std::vector<std::string> sValue;
-    std::chrono::steady_clock::time_point at = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point at;  // when it had arrived whole
 };
 
 class IceTestServer {
 public:
-    // Listens on an ephemeral loopback port; a call that succeeds returns `successValue`.
-    explicit IceTestServer(int32_t successValue = 0) : state_(std::make_shared<State>()) {
-        state_->successValue = successValue;
-        auto socket = std::make_shared<at::transport::TServerSocket>("127.0.0.1", 0);
-        server_ = std::make_shared<at::server::TThreadedServer>(
-            std::make_shared<Processor>(state_), socket,
-            std::make_shared<at::transport::TBufferedTransportFactory>(),
-            std::make_shared<at::protocol::TBinaryProtocolFactory>());
-        auto ready = std::make_shared<ReadySignal>();
-        std::future<void> listening = ready->listening.get_future();
-        server_->setServerEventHandler(ready);
-        thread_ = std::thread([this] {
-            try {
-                server_->serve();
-            } catch (...) {
-                // A failed listen shows as a server that never gets ready.
-            }
-        });
-        if (listening.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
-            stop();
-            throw std::runtime_error("Ice test server did not start");
+    // Stalled takes no connection: the kernel completes the first into the backlog of one and
+    // drops the others, which run into the client's connect timeout. Down has closed its port.
+    enum class Listen { Accepting, Stalled, Down };
+
+    // A call answered properly returns `successValue`.
+    explicit IceTestServer(int32_t successValue = 0, Listen mode = Listen::Accepting)
+        : successValue_(successValue), listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        // A stalled service's connections take a few kilobytes at most: writes to it soon block.
+        const int buffer = 4096;
+        if ((mode == Listen::Stalled &&
+             ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer) != 0) ||
+            ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listener_, mode == Listen::Stalled ? 0 : SOMAXCONN) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            throw std::runtime_error("Ice test server cannot listen");
         }
-        port_ = socket->getPort();
+        port_ = ntohs(address.sin_port);
+        if (mode == Listen::Accepting) {
+            acceptor_ = std::thread([this] { acceptLoop(); });
+        } else if (mode == Listen::Down) {
+            stop();
+        }
     }
     ~IceTestServer() { stop(); }
     IceTestServer(const IceTestServer&) = delete;
@@ -75,137 +96,139 @@ public:
 
     int port() const { return port_; }
 
-    // Replies for the next calls, in order; afterwards calls succeed.
+    // Replies for the next calls, in order; afterwards calls are answered properly.
     void queueReplies(const std::vector<Reply>& replies) {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        state_->replies.insert(state_->replies.end(), replies.begin(), replies.end());
+        std::lock_guard<std::mutex> lock(mutex_);
+        replies_.insert(replies_.end(), replies.begin(), replies.end());
     }
 
-    // Every call that arrived, failed ones included.
     std::vector<Call> calls() const {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        return state_->calls;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return calls_;
     }
 
+    // Ends every connection and closes the port.
     void stop() {
-        if (thread_.joinable()) {
-            server_->stop();
-            thread_.join();
+        std::unique_lock<std::mutex> lock(mutex_);
+        stopping_ = true;
+        for (int fd : open_) {
+            ::shutdown(fd, SHUT_RDWR);
+        }
+        wake_.notify_all();
+        lock.unlock();
+        if (acceptor_.joinable()) {
+            acceptor_.join();
+        }
+        lock.lock();
+        wake_.wait(lock, [this] { return open_.empty(); });
+        if (listener_ >= 0) {
+            ::close(listener_);
+            listener_ = -1;
         }
     }
 
 private:
-    struct State {
-        mutable std::mutex mutex;
-        std::deque<Reply> replies;
-        std::vector<Call> calls;
-        int32_t successValue = 0;
-
-        Reply next() {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (replies.empty()) {
-                return Reply::Success;
-            }
-            Reply reply = replies.front();
-            replies.pop_front();
-            return reply;
-        }
-        int32_t record(Call call) {
-            std::lock_guard<std::mutex> lock(mutex);
-            calls.push_back(std::move(call));
-            return successValue;
-        }
-    };
-
-    class Handler : public ice::IceIf {
-    public:
-        Handler(std::shared_ptr<State> state, bool fail) : state_(std::move(state)), fail_(fail) {}
-        void ping() override { answer({"ping", "", "", {}, {}, {}}); }
-        int32_t status(const int32_t) override { return answer({"status", "", "", {}, {}, {}}); }
-        int32_t TEL_SendGeneric(const std::string& sType,
-                                const std::vector<ice::eDataType::type>& eType,
-                                const std::vector<std::string>& sKey,
-                                const std::vector<std::string>& sValue) override {
-            return answer({"TEL_SendGeneric", sType, "", eType, sKey, sValue});
-        }
-        int32_t TEL_SendGenericJSON(const std::string& sType,
-                                    const std::string& sPayload) override {
-            return answer({"TEL_SendGenericJSON", sType, sPayload, {}, {}, {}});
-        }
-
-    private:
-        int32_t answer(Call call) {
-            const int32_t success = state_->record(std::move(call));
-            if (fail_) {
-                throw at::TApplicationException(at::TApplicationException::INTERNAL_ERROR);
-            }
-            return success;
-        }
-        std::shared_ptr<State> state_;
-        bool fail_;
-    };
-
-    // Takes the reply for each call as it arrives and acts on it.
-    class Processor : public at::TProcessor {
-    public:
-        explicit Processor(std::shared_ptr<State> state)
-            : state_(state),
-              succeed_(std::make_shared<Handler>(state, false)),
-              fail_(std::make_shared<Handler>(state, true)) {}
-
-        bool process(std::shared_ptr<at::protocol::TProtocol> in,
-                     std::shared_ptr<at::protocol::TProtocol> out, void* context) override {
-            // Called again as soon as a call is answered: wait for the next request first, so
-            // that a connection closed in between takes no reply.
-            if (!in->getTransport()->peek()) {
-                return false;
-            }
-            switch (state_->next()) {
-                case Reply::Success:
-                    return succeed_.process(in, out, context);
-                case Reply::ApplicationError:
-                    return fail_.process(in, out, context);
-                case Reply::DropConnection:
-                    readCall(*in);
-                    return false;
-                case Reply::BadVersion: {
-                    readCall(*in);
-                    const uint8_t badVersion[] = {0x80, 0x02, 0x00, 0x01};
-                    out->getTransport()->write(badVersion, sizeof badVersion);
-                    out->getTransport()->flush();
-                    return false;
+    void acceptLoop() {
+        for (;;) {
+            pollfd p{listener_, POLLIN, 0};
+            const int fd = ::poll(&p, 1, 10) > 0 ? ::accept(listener_, nullptr, nullptr) : -1;
+            std::lock_guard<std::mutex> lock(mutex_);
+            const bool reset = !replies_.empty() && replies_.front().kind == Reply::kReset;
+            if (fd >= 0 && !stopping_ && !reset) {
+                open_.insert(fd);
+                std::thread([this, fd] { serve(fd); }).detach();
+            } else if (fd >= 0) {
+                const linger abortive{1, 0};
+                ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+                ::close(fd);
+                if (reset) {
+                    replies_.pop_front();
                 }
             }
-            return false;
+            if (stopping_) {
+                return;
+            }
         }
+    }
 
-    private:
-        // The whole request is read, so that closing does not reset the connection under
-        // the client's read.
-        void readCall(at::protocol::TProtocol& in) {
+    // Takes calls on one connection until the client closes it or a reply ends it.
+    void serve(int fd) {
+        auto socket = std::make_shared<at::transport::TSocket>(fd);
+        at::protocol::TBinaryProtocol in(
+            std::make_shared<at::transport::TBufferedTransport>(socket));
+        for (bool open = true; open;) {
             Call call;
-            at::protocol::TMessageType type;
             int32_t sequenceId = 0;
-            in.readMessageBegin(call.method, type, sequenceId);
-            in.skip(at::protocol::T_STRUCT);
-            in.readMessageEnd();
-            state_->record(std::move(call));
+            try {
+                at::protocol::TMessageType type;
+                in.readMessageBegin(call.method, type, sequenceId);
+                ice::Ice_TEL_SendGeneric_args generic;
+                ice::Ice_TEL_SendGenericJSON_args json;
+                call.method == "TEL_SendGeneric" ? generic.read(&in) : json.read(&in);
+                in.readMessageEnd();
+                call = {call.method,
+                        generic.sType + json.sType,
+                        json.sPayload,
+                        generic.eType,
+                        generic.sKey,
+                        generic.sValue,
+                        std::chrono::steady_clock::now()};
+            } catch (const at::TException&) {
+                break;  // the client closed
+            }
+            std::unique_lock<std::mutex> lock(mutex_);
+            calls_.push_back(call);
+            const Reply reply = replies_.empty() ? Reply{} : replies_.front();
+            if (!replies_.empty()) {
+                replies_.pop_front();
+            }
+            if (wake_.wait_for(lock, reply.delay, [this] { return stopping_; })) {
+                break;
+            }
+            lock.unlock();
+            std::string bytes =
+                reply.kind == Reply::kBytes ? reply.bytes : answer(call, sequenceId, reply.kind);
+            if (reply.kind == Reply::kHalf) {
+                bytes.resize(bytes.size() / 2);
+            }
+            // The client may have given up and closed already.
+            open = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0 &&
+                   (reply.kind == Reply::kAnswer || reply.kind == Reply::kFailure);
         }
+        std::lock_guard<std::mutex> lock(mutex_);
+        socket->close();
+        open_.erase(fd);
+        wake_.notify_all();
+    }
 
-        std::shared_ptr<State> state_;
-        ice::IceProcessor succeed_;
-        ice::IceProcessor fail_;
-    };
+    std::string answer(const Call& call, int32_t sequenceId, int kind) const {
+        auto buffer = std::make_shared<at::transport::TMemoryBuffer>();
+        at::protocol::TBinaryProtocol out(buffer);
+        const bool failure = kind == Reply::kFailure;
+        out.writeMessageBegin(
+            call.method, failure ? at::protocol::T_EXCEPTION : at::protocol::T_REPLY, sequenceId);
+        if (failure) {
+            at::TApplicationException(at::TApplicationException::INTERNAL_ERROR).write(&out);
+        } else {
+            ice::Ice_TEL_SendGenericJSON_result result;  // as every method's: an i32 success
+            result.success = successValue_;
+            result.__isset.success = true;
+            result.write(&out);
+        }
+        out.writeMessageEnd();
+        return buffer->getBufferAsString();
+    }
 
-    struct ReadySignal : at::server::TServerEventHandler {
-        void preServe() override { listening.set_value(); }
-        std::promise<void> listening;
-    };
-
-    std::shared_ptr<State> state_;
-    std::shared_ptr<at::server::TThreadedServer> server_;
-    std::thread thread_;
+    const int32_t successValue_;
+    int listener_;
     int port_ = 0;
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::deque<Reply> replies_;
+    std::vector<Call> calls_;
+    std::set<int> open_;
+    std::thread acceptor_;
 };
 
 // A loopback port nobody listens on: taken from a server that is then stopped.

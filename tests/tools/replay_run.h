@@ -27,7 +27,6 @@ using Tree = boost::property_tree::ptree;
 using std::chrono::milliseconds;
 
 const std::string kReplay = TILTHWATCH_REPLAY;
-const std::string kReceiver = TILTHWATCH_ICE_RECEIVER;
 const std::string kSamples = TILTHWATCH_SAMPLES;
 
 inline Tree parseJson(const std::string& text) {
@@ -37,11 +36,14 @@ inline Tree parseJson(const std::string& text) {
     return tree;
 }
 
-inline std::vector<std::string> lines(const std::string& text) {
+// The lines of `text` that start with `prefix`, without it.
+inline std::vector<std::string> lines(const std::string& text, const std::string& prefix = "") {
     std::vector<std::string> result;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
-        result.push_back(line);
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            result.push_back(line.substr(prefix.size()));
+        }
     }
     return result;
 }
@@ -49,67 +51,59 @@ inline std::vector<std::string> lines(const std::string& text) {
 template <typename Predicate>
 bool eventually(Predicate done, milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(milliseconds(5));
     }
-    return true;
+    return done();
 }
 
-// The receiver on a free loopback port, subscribed to the replay's status publisher, and the
-// replay run to its end. Files live in a fresh folder.
+// The Ice receiver on a free loopback port, with `options`; sets the port it listens on.
+inline std::unique_ptr<clitest::Process> startReceiver(const std::vector<std::string>& options,
+                                                       int& port) {
+    std::vector<std::string> arguments = {TILTHWATCH_ICE_RECEIVER, "--host", "127.0.0.1", "--port",
+                                          "0"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    auto receiver = std::make_unique<clitest::Process>(arguments);
+    const std::string marker = "listening on 127.0.0.1:";
+    EXPECT_TRUE(eventually([&] { return receiver->err().find(marker) != std::string::npos; },
+                           milliseconds(10000)));
+    const std::string err = receiver->err();
+    port = std::atoi(err.c_str() + err.find(marker) + marker.size());
+    return receiver;
+}
+
+// The receiver, subscribed to the replay's status publisher, and the replay run to its end.
+// Files live in a fresh folder.
 class ReplayRun {
 public:
-    ReplayRun() {
+    ReplayRun() : receiver_(startReceiver({"--status", "ipc://" + path("status")}, port_)) {
         clitest::writeFile(dir_ / "machine.json", "{}");
-        receiver_ = std::make_unique<clitest::Process>(std::vector<std::string>{
-            kReceiver, "--host", "127.0.0.1", "--port", "0", "--status", statusEndpoint()});
-        const std::string marker = "listening on 127.0.0.1:";
-        EXPECT_TRUE(eventually([&] { return receiver_->err().find(marker) != std::string::npos; },
-                               milliseconds(10000)))
-            << receiver_->err();
-        const std::string err = receiver_->err();
-        port_ = std::atoi(err.c_str() + err.find(marker) + marker.size());
     }
-    ~ReplayRun() {
-        if (receiver_) {
-            receiver_->signal(SIGTERM);
-        }
-    }
+    ~ReplayRun() { receiver_->signal(SIGTERM); }
 
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-    // Runs the replay with `options` and the logs, and the common options unless given; with
+    // Runs the replay in the folder with `options` and the common ones it does not give; with
     // `input`, its standard input comes from that file. Gives the exit status.
-    int run(std::vector<std::string> options, const std::string& input = "",
-            milliseconds timeout = milliseconds(90000)) {
-        const auto given = [&](const std::string& name) {
-            return std::find(options.begin(), options.end(), name) != options.end();
-        };
-        std::vector<std::string> common = {"--ice",           "127.0.0.1:" + std::to_string(port_),
-                                           "--zmq",           statusEndpoint(),
-                                           "--detected-file", path("detected.json"),
-                                           "--period-ms",     "600000"};
-        if (!given("--machine-file")) {
-            common.insert(common.end(), {"--machine-file", path("machine.json")});
-        }
+    int run(std::vector<std::string> options, const std::string& input = "") {
+        const std::vector<std::string> common = {
+            "--ice",           "127.0.0.1:" + std::to_string(port_),
+            "--zmq",           "ipc://" + path("status"),
+            "--detected-file", path("detected.json"),
+            "--period-ms",     "600000",
+            "--machine-file",  path("machine.json")};
         for (std::size_t i = 0; i < common.size(); i += 2) {
-            if (!given(common[i])) {
+            if (std::find(options.begin(), options.end(), common[i]) == options.end()) {
                 options.insert(options.begin(), {common[i], common[i + 1]});
             }
         }
-        options.insert(options.begin(), kReplay);
-        if (!input.empty()) {
-            std::string command = "exec";
-            for (const std::string& word : options) {
-                command += " '" + word + "'";
-            }
-            options = {"/bin/sh", "-c", command + " < '" + input + "'"};
+        std::string command = "cd '" + path("") + "' && exec '" + kReplay + "'";
+        for (const std::string& word : options) {
+            command += " '" + word + "'";
         }
-        clitest::Process replay(options);
-        const int status = replay.wait(timeout);
+        clitest::Process replay(
+            {"/bin/sh", "-c", input.empty() ? command : command + " < '" + input + "'"});
+        const int status = replay.wait(milliseconds(90000));
         out = replay.out();
         err = replay.err();
         // Status frames follow each delivery to Ice; wait for the last to arrive.
@@ -117,36 +111,19 @@ public:
         return status;
     }
 
-    // Every "TYPE JSON" line the receiver printed, as the JSON text.
+    // What the receiver printed for each record, and for each status frame.
     std::vector<std::string> bodies() const {
-        std::vector<std::string> result;
-        for (const std::string& line : lines(receiver_->out())) {
-            const std::string prefix = "machineTelematics ";
-            if (line.compare(0, prefix.size(), prefix) == 0) {
-                result.push_back(line.substr(prefix.size()));
-            }
-        }
-        return result;
+        return lines(receiver_->out(), "machineTelematics ");
     }
-    std::vector<std::string> statusLines() const {
-        std::vector<std::string> result;
-        for (const std::string& line : lines(receiver_->out())) {
-            if (line.compare(0, 7, "STATUS ") == 0) {
-                result.push_back(line.substr(7));
-            }
-        }
-        return result;
-    }
+    std::vector<std::string> statusLines() const { return lines(receiver_->out(), "STATUS "); }
 
     std::string out;  // the replay's console log
     std::string err;
 
 private:
-    std::string statusEndpoint() const { return "ipc://" + path("status"); }
-
     clitest::TempDir dir_;
-    std::unique_ptr<clitest::Process> receiver_;
     int port_ = 0;
+    std::unique_ptr<clitest::Process> receiver_;
 };
 
 }  // namespace tooltest

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,18 +33,12 @@ TEST(RecordCountdown, StopsOnceTheRecordBeforeTheLastHasBeenHandedOver) {
         std::vector<int> stops;
         int index = 0;
         replay::RecordCountdown countdown(row.records, [&] { stops.push_back(index); });
+        const std::map<char, void (replay::RecordCountdown::*)()> event = {
+            {'c', &replay::RecordCountdown::closing},
+            {'h', &replay::RecordCountdown::handedOver},
+            {'p', &replay::RecordCountdown::played}};
         for (; index < static_cast<int>(row.events.size()); ++index) {
-            switch (row.events[index]) {
-                case 'c':
-                    countdown.closing();
-                    break;
-                case 'h':
-                    countdown.handedOver();
-                    break;
-                case 'p':
-                    countdown.played();
-                    break;
-            }
+            (countdown.*event.at(row.events[index]))();
         }
         const std::vector<int> expected =
             row.stopAt < 0 ? std::vector<int>{} : std::vector<int>{row.stopAt};

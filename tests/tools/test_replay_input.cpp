@@ -24,83 +24,72 @@ const std::string kGood =
     "(1700000000.000000) can2 0CF00400#F18A88781F00F0FF\n"
     "(1700000000.010000) can2 0CF00400#F18A88781F00F0FF\n";
 
-struct Malformed {
-    const char* what;
-    std::string text;
-    std::string message;  // after "tilthwatch-replay: FILE"
-};
-
-TEST(ReplayInput, MalformedLogEndsWithStatus2FileAndLineAndNoRecord) {
-    const Malformed rows[] = {
-        {"bad hex", kGood + "(1700000000.020000) can2 18FEF100#01G2\n",
-         ":3: bad hex digit in data"},
-        {"DLC over 8", kGood + "(1700000000.020000) can2 18FEF100#010203040506070809\n",
-         ":3: more than 8 data bytes (DLC over 8)"},
-        {"missing interface", kGood + "(1700000000.020000) 18FEF100#0102\n",
-         ":3: missing interface"},
-        {"truncated line", kGood + "(1700000000.020000) can2 18FEF100#01",
-         ":3: last line has no end of line (truncated)"},
-        {"cut timestamp", kGood + "(1700000000.02\n",
-         ":3: bad timestamp, expected \"(seconds.microseconds)\""},
-        {"binary garbage",
-         kGood + std::string("\x7F"
-                             "ELF\x02\x01\x01\x00\x00\x00\n",
-                             11),
-         ":3: binary data, not a candump log line"},
-        {"garbage without end of line", kGood + std::string(5000, '\x01'), ":3: line too long"},
+// Each malformed log, and the message after "tilthwatch-replay: in.log". Paths are relative
+// to the run's folder.
+TEST(ReplayInput, BadLogOrOptionEndsWithStatus2AndAMessageAndNoRecord) {
+    const std::string line3 = "(1700000000.020000) can2 18FEF100#";
+    const std::string elf(
+        "\x7F"
+        "ELF\x02\x01\x01\x00\x00\x00\n",
+        11);
+    const std::pair<std::string, std::string> logs[] = {
+        {kGood + line3 + "01G2\n", ":3: bad hex digit in data"},
+        {kGood + line3 + "01", ":3: last line has no end of line (truncated)"},
+        {kGood + "(1700000000.02\n", ":3: bad timestamp, expected \"(seconds.microseconds)\""},
+        {kGood + elf, ":3: binary data, not a candump log line"},
+        {kGood + std::string(5000, '\x01'), ":3: line too long"},
+    };
+    const std::string range = "--ice must be HOST:PORT with a port from 1 to 65535";
+    const std::pair<std::vector<std::string>, std::string> options[] = {
+        // A good first log does not help a bad second one.
+        {{"--period-ms", "1", "good.log", "bad.log"},
+         "bad.log:5: identifier must have 3 or 8 hex digits"},
+        {{"missing.log"}, "missing.log: cannot open: No such file or directory"},
+        {{"."}, ".: cannot read: Is a directory"},
+        {{"--period-ms", "0", "good.log"}, "--period-ms must be at least 1"},
+        {{"--period-ms", "soon", "good.log"},
+         "the argument ('soon') for option '--period-ms' is invalid (see --help)"},
+        {{"--records", "0", "good.log"}, "--records must be at least 1"},
+        {{"--records", "-1", "good.log"}, "--records must be at least 1"},
+        {{"--ice", "localhost", "good.log"}, range},
+        {{"--ice", "localhost:65536", "good.log"}, range},
+        {{"--zmq", "4499", "good.log"}, "--zmq must be an endpoint such as tcp://*:4499"},
+        {{"--log-level", "loud", "good.log"},
+         "the argument ('loud') for option '--log-level' is invalid (see --help)"},
+        {{"--speed", "2", "good.log"}, "unrecognised option '--speed' (see --help)"},
+        {{"--serial", "1\nserial_number=2", "good.log"}, "--serial must be one line"},
+        {{}, "no log file given (see --help)"},
+        {{"-", "-"}, "standard input \"-\" can be given once only"},
+        {{"--transmitted", "none/sent.log", "good.log"},
+         "none/sent.log: cannot write: No such file or directory"},
     };
     ReplayRun run;
-    for (const Malformed& row : rows) {
-        const std::string log = run.path("malformed.log");
-        clitest::writeFile(log, row.text);
-        EXPECT_EQ(run.run({"--period-ms", "1", log}), 2) << row.what;
-        EXPECT_EQ(run.err, "tilthwatch-replay: " + log + row.message + "\n") << row.what;
-    }
-    // A good first log does not help a bad second one.
     clitest::writeFile(run.path("good.log"), kGood);
     clitest::writeFile(run.path("bad.log"), kGood + kGood + "(1700000000.020000) can2 1#01\n");
-    EXPECT_EQ(run.run({"--period-ms", "1", run.path("good.log"), run.path("bad.log")}), 2);
-    EXPECT_EQ(run.err, "tilthwatch-replay: " + run.path("bad.log") +
-                           ":5: identifier must have 3 or 8 hex digits\n");
-    EXPECT_EQ(run.run({"--period-ms", "1", run.path("missing.log")}), 2);
-    EXPECT_EQ(run.err, "tilthwatch-replay: " + run.path("missing.log") +
-                           ": cannot open: No such file or directory\n");
-    std::filesystem::create_directory(run.path("folder"));
-    EXPECT_EQ(run.run({"--period-ms", "1", run.path("folder")}), 2);
-    EXPECT_EQ(run.err,
-              "tilthwatch-replay: " + run.path("folder") + ": cannot read: Is a directory\n");
-    EXPECT_TRUE(run.bodies().empty());
-}
-
-TEST(ReplayInput, BadOptionEndsWithStatus2AndNoRecord) {
-    ReplayRun run;
-    clitest::writeFile(run.path("good.log"), kGood);
-    const std::string log = run.path("good.log");
-    const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
-        {{"--period-ms", "0", log}, "--period-ms must be at least 1"},
-        {{"--period-ms", "soon", log}, "the argument ('soon') for option '--period-ms' is invalid"},
-        {{"--records", "0", log}, "--records must be at least 1"},
-        {{"--records", "-1", log}, "--records must be at least 1"},
-        {{"--ice", "localhost", log}, "--ice must be HOST:PORT with a port from 1 to 65535"},
-        {{"--ice", "localhost:65536", log}, "--ice must be HOST:PORT with a port from 1 to 65535"},
-        {{"--zmq", "4499", log}, "--zmq must be an endpoint such as tcp://*:4499"},
-        {{"--log-level", "loud", log}, "the argument ('loud') for option '--log-level' is invalid"},
-        {{"--speed", "2", log}, "unrecognised option '--speed'"},
-        {{"--serial", "1\nserial_number=2", log}, "--serial must be one line"},
-        {{}, "no log file given"},
-        {{"-", "-"}, "standard input \"-\" can be given once only"},
-        {{"--transmitted", run.path("none/sent.log"), log},
-         run.path("none/sent.log") + ": cannot write: No such file or directory"},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : logs) {
+        clitest::writeFile(run.path("in.log"), row.first);
+        EXPECT_EQ(run.run({"--period-ms", "1", "in.log"}), 2) << row.second;
+        EXPECT_EQ(run.err, "tilthwatch-replay: in.log" + row.second + "\n");
+    }
+    for (const auto& row : options) {
         EXPECT_EQ(run.run(row.first), 2) << row.second;
-        EXPECT_NE(run.err.find("tilthwatch-replay: " + row.second), std::string::npos) << run.err;
+        EXPECT_EQ(run.err, "tilthwatch-replay: " + row.second + "\n");
     }
     EXPECT_TRUE(run.bodies().empty());
+    // Standard input is read as it comes: a bad line there ends the replay, with status 2
+    // though the service has been running.
+    clitest::writeFile(run.path("in.log"),
+                       kGood + "(1700000000.020000) can2 0CF00400#F18A8878\n" +
+                           "(1700000000.030000) can2 0CF00400#F18A88781F00F0FF0000\n");
+    EXPECT_EQ(run.run({"-"}, run.path("in.log")), 2);
+    EXPECT_NE(run.err.find("tilthwatch-replay: standard input:4: more than 8 data bytes "
+                           "(DLC over 8)\n"),
+              std::string::npos)
+        << run.err;
 }
 
 // Frames of an interface that is no channel, and error frames, are skipped with one warning
-// each; the rest plays and the replay ends well.
+// each; the rest plays, a line ending in CR LF too, and the replay ends well.
 TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
     ReplayRun run;
     const std::string log = run.path("mixed.log");
@@ -111,18 +100,14 @@ TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
                        "(1700000000.003000) can0 0CF00400#F18A88781F00F0FF\n"
                        "(1700000000.004000) can2 20000004#0000000000000000\n"
                        "(1700000000.005000) can3 20000004#0000000000000000\n"
-                       "(1700000000.006000) can2 123#R\n");
+                       "(1700000000.006000) can2 123#R\r\n");  // as written on Windows
     ASSERT_EQ(run.run({log}), 0) << run.err;
-    EXPECT_EQ(run.err,
-              "tilthwatch-replay: " + log +
-                  ":1: warning: frames of interface \"vcan0\" are skipped\n"
-                  "tilthwatch-replay: " +
-                  log +
-                  ":4: warning: frames of interface \"can0\" are skipped\n"
-                  "tilthwatch-replay: " +
-                  log +
-                  ":5: warning: error frames are skipped: a raw CAN socket does not receive "
-                  "them\n");
+    const std::string prefix = "tilthwatch-replay: " + log;
+    EXPECT_EQ(run.err, prefix + ":1: warning: frames of interface \"vcan0\" are skipped\n" +
+                           prefix + ":4: warning: frames of interface \"can0\" are skipped\n" +
+                           prefix +
+                           ":5: warning: error frames are skipped: a raw CAN socket does not "
+                           "receive them\n");
     EXPECT_EQ(run.bodies(), std::vector<std::string>{"{}"});
 }
 
@@ -141,38 +126,21 @@ TEST(ReplayInput, LogsAreMergedByTheirTimestamps) {
     EXPECT_EQ(run.out.find("MACHINE_250K"), std::string::npos) << run.out;
 }
 
-// Standard input is read as it comes: a bad line there ends the replay, with status 2 though
-// the service has been running.
-TEST(ReplayInput, MalformedLineOnStandardInputEndsWithStatus2) {
+// A stop from outside before the last frame is no success; nor is a service that cannot
+// start, here for its publisher's endpoint being taken.
+TEST(ReplayInput, StoppedBeforeTheEndOrServiceFailedIsAFailure) {
     ReplayRun run;
-    const std::string log = run.path("input.log");
-    clitest::writeFile(log, kGood + "(1700000000.020000) can2 0CF00400#F18A8878\n" +
-                                "(1700000000.030000) can2 0CF00400#F18A88781F00F0FF0000\n");
-    EXPECT_EQ(run.run({"-"}, log), 2);
-    EXPECT_NE(run.err.find("tilthwatch-replay: standard input:4: more than 8 data bytes "
-                           "(DLC over 8)\n"),
-              std::string::npos)
-        << run.err;
-}
-
-// A stop from outside before the last frame is no success.
-TEST(ReplayInput, StoppedBeforeTheEndIsAFailure) {
-    clitest::TempDir dir;
-    clitest::Process replay(
-        {tooltest::kReplay, "--zmq", "ipc://" + (dir / "status").string(), "--ice", "127.0.0.1:1",
-         "--detected-file", (dir / "detected.json").string(), "--machine-file",
-         (dir / "machine.json").string(), tooltest::kSamples + "/cummins-can3.log"});
+    clitest::Process replay({tooltest::kReplay, "--zmq", "ipc://" + run.path("own"), "--ice",
+                             "127.0.0.1:1", "--detected-file", run.path("detected.json"),
+                             "--machine-file", run.path("machine.json"),
+                             tooltest::kSamples + "/cummins-can3.log"});
     ASSERT_TRUE(replay.waitForOutput("Setting default CAN bus to", std::chrono::seconds(10)));
     replay.signal(SIGINT);
     EXPECT_EQ(replay.wait(), 1);
     EXPECT_NE(replay.err().find("tilthwatch-replay: stopped before the replay had ended"),
               std::string::npos)
         << replay.err();
-}
 
-// A service that cannot start, here for its publisher's endpoint being taken, is a failure.
-TEST(ReplayInput, ServiceThatCannotStartIsAFailure) {
-    ReplayRun run;
     clitest::writeFile(run.path("good.log"), kGood);
     zmq::context_t context;
     zmq::socket_t taken(context, zmq::socket_type::pub);
@@ -191,11 +159,10 @@ TEST(Samples, AreWhatTheGeneratorWrites) {
     std::size_t files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(tooltest::kSamples)) {
         const std::string name = entry.path().filename().string();
-        if (name == "README.md") {
-            continue;
+        if (name != "README.md") {
+            ++files;
+            EXPECT_TRUE(clitest::readFile(entry.path()) == clitest::readFile(dir / name)) << name;
         }
-        ++files;
-        EXPECT_TRUE(clitest::readFile(entry.path()) == clitest::readFile(dir / name)) << name;
     }
     EXPECT_EQ(files, 5u);
 }
