@@ -2,6 +2,39 @@
 
 #include "simulated_bus.h"
 
+TEST(CanStackNAME, FieldsHaveTheirWidthsAndPlaces) {
+    struct Case {
+        bool (NAMEClass::*set)(uint32_t);
+        uint32_t (NAMEClass::*get)() const;
+        uint32_t largest;
+        uint32_t offset;
+    };
+    const Case cases[] = {
+        {&NAMEClass::setIdentityNumber, &NAMEClass::getIdentityNumber, 2097151, 0},
+        {&NAMEClass::setManufacturerCode, &NAMEClass::getManufacturerCode, 2047, 21},
+        {&NAMEClass::setECUInstance, &NAMEClass::getECUInstance, 7, 32},
+        {&NAMEClass::setFunctionInstance, &NAMEClass::getFunctionInstance, 31, 35},
+        {&NAMEClass::setFunction, &NAMEClass::getFunction, 255, 40},
+        {&NAMEClass::setVehicleSystem, &NAMEClass::getVehicleSystem, 127, 49},
+        {&NAMEClass::setVehicleSystemInstance, &NAMEClass::getVehicleSystemInstance, 15, 56},
+        {&NAMEClass::setIndustryGroup, &NAMEClass::getIndustryGroup, 7, 60},
+        {&NAMEClass::setSelfConfigurableAddress, &NAMEClass::getSelfConfigurableAddress, 1, 63},
+    };
+    for (const Case& c : cases) {
+        NAMEClass name(0);
+        EXPECT_TRUE((name.*c.set)(c.largest));
+        EXPECT_EQ(name.getNAME(), uint64_t{c.largest} << c.offset);
+        EXPECT_FALSE((name.*c.set)(c.largest + 1));
+        EXPECT_EQ((name.*c.get)(), c.largest);
+    }
+    NAMEClass reserved(1ull << 48);
+    reserved.setFunction(3);
+    EXPECT_EQ(reserved.getReserved(), 1u);
+    uint8_t bytes[8];
+    NAMEClass(0x0102030405060708ull).toBytes(bytes);
+    EXPECT_EQ(bytes[0], 0x08);
+}
+
 TEST(CanStackNAME, MatchingAgainstFieldLists) {
     // Entries for one field are alternatives; every field listed must match.
     const NAMEFieldEntry list[] = {{1, NAME_FIELD_MANUFACTURER_CODE},

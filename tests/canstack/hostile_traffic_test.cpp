@@ -122,6 +122,28 @@ TEST_F(ClaimFloodTest, AFloodMatchingABoundRegisteredFunctionKeepsItsPairsBounde
     EXPECT_EQ(listed, MAXIMUM + 1);
 }
 
+TEST_F(ClaimFloodTest, LookupsFindTheFirstListedAndFollowARename) {
+    // Two devices reset to no NAME stand on the list with equal NAMEs: a claim with no NAME
+    // takes the first of them.
+    ControlFunctionClass* first = bus.claimFrom(0, 0x10, testNAME(1));
+    ControlFunctionClass* second = bus.claimFrom(0, 0x11, testNAME(2));
+    first->reset();
+    second->reset();
+    EXPECT_EQ(bus.claimFrom(0, 0x12, NAMEClass::UNKNOWN), first);
+    EXPECT_FALSE(NM::isLostDevice(first));
+    EXPECT_TRUE(NM::isLostDevice(second));
+
+    // A listed function renamed is found by its new NAME only; the device it stood for stays
+    // behind under the old one.
+    RegisteredControlFunctionClass registered(0, NAMEClass(testNAME(8)));
+    ASSERT_TRUE(registered.bindByNAME(NAMEClass(testNAME(9))));
+    EXPECT_EQ(findByNAME(testNAME(9)), &registered);
+    ASSERT_NE(findByNAME(testNAME(8)), nullptr);
+    EXPECT_EQ(findByNAME(testNAME(8))->getType(), 2);
+    EXPECT_EQ(bus.claimFrom(0, 0x13, testNAME(9)), &registered);
+    EXPECT_FALSE(NM::isLostDevice(&registered));
+}
+
 // ---------------------------------------------------------------- transfers
 
 namespace {

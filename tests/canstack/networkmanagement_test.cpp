@@ -4,6 +4,7 @@
 
 #include "canstack/canprotocol.h"
 #include "canstack/filteredmessagecallback.h"
+#include "canstack/transportprotocol.h"
 #include "simulated_bus.h"
 
 namespace {
@@ -18,11 +19,13 @@ void recordNew(ControlFunctionClass* function, void*) {
     events.push_back("new " + std::to_string(function->getAddress()));
 }
 
-// A filter on one PGN that logs what it receives as "<name> <source>".
+// Logs what it receives as "<name> <source>"; as a filter, on one PGN.
 struct Receiver : ReceiveCANMessageCallbackClass {
-    Receiver(std::string name, uint32_t pgn) : name(std::move(name)) {
-        filter.setParameterGroupNumber(pgn);
-        filter.addCallback(this);
+    explicit Receiver(std::string name, uint32_t pgn = PGN_ANY) : name(std::move(name)) {
+        if (pgn != PGN_ANY) {
+            filter.setParameterGroupNumber(pgn);
+            filter.addCallback(this);
+        }
     }
     void receiveCANMessage(CANMessageClass* message) override {
         events.push_back(name + " " + std::to_string(message->getSourceAddress()));
@@ -38,10 +41,65 @@ bool matches(const FilteredMessageCallbackClass& filter, uint8_t type, uint32_t 
     return filter.filterMatches(&message);
 }
 
+struct TestProtocol : CANProtocolClass {
+    void initialize() override { events.push_back("initialize"); }
+    void update() override { events.push_back("update"); }
+    void receiveCANMessage(CANMessageClass*) override {}
+};
+
+// Load callbacks that log their kind; the exact one also supplies three bytes.
+enum LoadKind { ANY, FOR_PEER, EXACT };
+template <LoadKind kind>
+uint32_t load(uint32_t, InternalControlFunctionClass*, ControlFunctionClass*, uint8_t, uint8_t,
+              LoadParameterGroupNumberData* out) {
+    static const uint8_t payload[3] = {9, 8, 7};
+    events.push_back(kind == ANY ? "any" : kind == FOR_PEER ? "peer" : "exact");
+    out->data = payload;
+    out->length = 3;
+    return kind == EXACT ? 1 : 0;
+}
 }  // namespace
 
 using CanStackNetworkOnBus = BusTest;
 using CanStackNetworkClaimed = ClaimedTest;
+
+TEST(CanStackNetworkManagement, FramesBeforeTheFirstUpdateLeaveNoTrace) {
+    SimulatedBus bus;
+    Receiver listener("filter", 0xEE00);
+    NM::addNewControlFunctionCallback(&recordNew);
+    EXPECT_EQ(bus.claimFrom(0, 0x10, testNAME(1)), nullptr);
+    EXPECT_EQ(Statistics::NETWORK_MANAGEMENT_STATISTICS.getReceivedCount(0), 0u);
+    EXPECT_TRUE(events.empty());
+    const uint8_t data[3] = {1, 2, 3};
+    uint32_t handle = 0;
+    EXPECT_EQ(NM::sendMessage(1, 0xFEF1, data, 3, 0, nullptr, nullptr, 255, 6, false, &handle,
+                              nullptr, false),
+              19u);
+    EXPECT_EQ(handle, 0xFFFFFFFFu);
+    bus.update();
+    bus.claimFrom(0, 0x10, testNAME(1));
+    EXPECT_EQ(events, (Events{"new 16", "filter 16"}));
+}
+
+TEST(CanStackNetworkManagement, ProtocolsAndInitializersStartBeforeClaimsAreStepped) {
+    SimulatedBus bus;
+    TestProtocol first;
+    CANInitializeClass initializer([] { events.push_back("init function"); });
+    bus.update();
+    EXPECT_EQ(events, (Events{"initialize", "init function", "update"}));
+    events.clear();
+    struct Watcher : TestInternalControlFunction {
+        using TestInternalControlFunction::TestInternalControlFunction;
+        void onStart() override { events.push_back("claim step"); }
+    } watcher(testNAME(1), 0, {0x80});
+    TestProtocol second;
+    bus.update();
+    EXPECT_EQ(events, (Events{"initialize", "claim step", "update", "update"}));
+    CANInitializeClass none(nullptr);
+    EXPECT_EQ(
+        descriptionCount("CAN Initialize", "Invalid Parameters CANInitializeClass constructor", 2),
+        1u);
+}
 
 TEST_F(CanStackNetworkOnBus, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
     NM::addNewControlFunctionCallback(&recordNew);
@@ -59,6 +117,60 @@ TEST_F(CanStackNetworkOnBus, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
     EXPECT_EQ(descriptionCount(OWNER, "Invalid Data Length in Address Claim Message", 2), 1u);
     EXPECT_EQ(NM::getControlFunction(0, 0x33), nullptr);
     EXPECT_EQ(events, (Events{"new 16"}));
+}
+
+TEST_F(CanStackNetworkClaimed, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic) {
+    bus.claimFrom(0, 0x10, testNAME(1));
+    Receiver global("global");
+    ASSERT_TRUE(NM::addGlobalReceiveCallback(PGN_ANY, &global));
+    EXPECT_FALSE(NM::addGlobalReceiveCallback(PGN_ANY, &global));  // duplicates
+    Receiver listener("filter", 0xEF00);
+    events.clear();
+    bus.receive(0, 0x18EF8010u, {1});  // to us
+    bus.receive(0, 0x18EF3310u, {2});  // for another node
+    bus.receive(0, 0x18EF8044u, {3});  // from a device without a claim
+    EXPECT_EQ(events, (Events{"global 16", "filter 16", "filter 16", "filter 68"}));
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Global PGN Callback to List", 2), 3u);
+    EXPECT_EQ(NM::addGlobalReceiveCallback(0, nullptr, &global, 3), nullptr);
+}
+
+TEST(CanStackNetworkManagement, RejectRecordWinsInEitherOrder) {
+    auto accept = [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); };
+    auto reject = [](Filter& f) {
+        return f.setSourceAddressByte(0x33) && f.setAction(Filter::ACTION_REJECT);
+    };
+    for (bool rejectFirst : {false, true}) {
+        Filter filter;
+        ASSERT_TRUE(rejectFirst ? reject(filter) : accept(filter));
+        ASSERT_TRUE(filter.addFilterRecord());
+        ASSERT_TRUE(rejectFirst ? accept(filter) : reject(filter));
+        EXPECT_FALSE(matches(filter, 1, 0x18FEF133u, 1, 0)) << rejectFirst;  // both
+        EXPECT_TRUE(matches(filter, 1, 0x18FEF134u, 1, 0)) << rejectFirst;   // accept only
+        EXPECT_FALSE(matches(filter, 1, 0x18FEF233u, 1, 0)) << rejectFirst;  // reject only
+    }
+}
+
+TEST(CanStackNetworkManagement, FilterSettersRefuseWhatIsSetOrOutOfRange) {
+    Filter filter;
+    EXPECT_TRUE(filter.setChannel(1));
+    EXPECT_FALSE(filter.setChannel(2));  // already set
+    EXPECT_TRUE(filter.setIdentifierType(1));
+    EXPECT_TRUE(filter.setIdentifierType(1));
+    EXPECT_FALSE(filter.setIdentifierType(0));
+    EXPECT_TRUE(filter.setDataBits(8, 12, 0xABC));
+    EXPECT_FALSE(filter.setDataBits(16, 4, 0));  // overlaps
+    EXPECT_FALSE(filter.setDataBits(60, 8, 0));
+    EXPECT_FALSE(filter.setDataBits(0xFFFFFFF8u, 16, 0));  // offset plus count wraps
+    EXPECT_FALSE(filter.setParameterGroupNumber(0xEF01));
+    EXPECT_FALSE(filter.setPriority(8));
+    EXPECT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1));
+    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8));
+    Filter standard;
+    ASSERT_TRUE(standard.setIdentifierType(0));
+    EXPECT_FALSE(standard.setPDUFormat(0xFE));  // identifier fields need extended frames
+    EXPECT_TRUE(standard.removeFilterRecord(0));
+    EXPECT_FALSE(standard.setChannel(0));  // nothing selected
 }
 
 // One field set, one frame: 0x10 is NAME A (manufacturer 93, function 0x85), 0x11 is NAME B
@@ -142,6 +254,55 @@ TEST_F(CanStackNetworkOnBus, CallbackRemovingItselfOrItsFilterEndsTheWalkForThat
     EXPECT_EQ(events, (Events{"first", "next 1", "second", "next 1"}));
 }
 
+TEST_F(CanStackNetworkClaimed, SendResults) {
+    const uint8_t data[9] = {};
+    uint32_t handle = 0;
+    // Every program carries the transport protocol; take it out to see the bare send path.
+    ASSERT_TRUE(
+        NM::removeTransmitFunction(&TransportProtocolClass::initializeTransportProtocolTransmit));
+    // A long message with no transmit function: success, and nothing goes out.
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 0u);
+    EXPECT_TRUE(bus.framesWithPGN(0xFEF1).empty());
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, nullptr, nullptr, 6), 11u);
+    EXPECT_EQ(NM::sendMessage(2, 0xFEF1, data, 8, 0, &self, nullptr, 255, 6, false, nullptr,
+                              nullptr, false),
+              1u);
+    EXPECT_EQ(NM::sendStandardMessage(0x100, data, 9, 0), 8u);
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6, false, &handle), 0u);
+    EXPECT_NE(handle, 0xFFFFFFFFu);
+    ASSERT_EQ(bus.framesWithPGN(0xFEF1).size(), 1u);
+    EXPECT_EQ(bus.frames.back().identifier, 0x18FEF180u);
+    EXPECT_FALSE(bus.frames.back().immediate);
+    bus.refused = {0xFEF1};
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6), 13u);
+
+    static uint32_t answer = 14;
+    NM::addTransmitFunction([](uint32_t, const uint8_t*, uint32_t, InternalControlFunctionClass*,
+                               ControlFunctionClass*, bool, uint32_t*,
+                               CANCallbackFunction) { return answer; });
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 14u);
+    answer = 16;
+    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 16u);
+    EXPECT_FALSE(NM::addTransmitFunction(nullptr));
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Transmit Function to List", 2), 1u);
+}
+
+TEST_F(CanStackNetworkClaimed, LoadCallbacksWalkThreePasses) {
+    ControlFunctionClass* peer = bus.claimFrom(0, 0x10, testNAME(1));
+    NM::addLoadParameterGroupNumberDataCallback(&load<ANY>);
+    NM::addLoadParameterGroupNumberDataCallback(&load<FOR_PEER>, PGN_ANY, peer);
+    EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 21u);
+    EXPECT_EQ(events, (Events{"peer", "any"}));
+    EXPECT_EQ(descriptionCount(OWNER, "PGN Not Valid Send Parameter Group Number", 2), 1u);
+    NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1);
+    EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1), nullptr);
+    events.clear();
+    EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 0u);
+    EXPECT_EQ(events, (Events{"exact"}));
+    EXPECT_EQ(bus.frames.back().data, (Bytes{9, 8, 7}));
+    EXPECT_EQ(bus.frames.back().priority(), 6);
+}
+
 TEST_F(CanStackNetworkClaimed, TransmitResultsAreCountedAndReported) {
     static std::vector<bool> results;
     auto completion = [](CANCallbackClass* callback) {
@@ -187,6 +348,24 @@ TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
     const uint8_t* last = nullptr;
     EXPECT_EQ(statistics.getLastReceived(last), 0x98FEF101u);
     EXPECT_EQ(Bytes(last + 3, last + 5), (Bytes{4, 0xFF}));
+}
+
+TEST_F(CanStackNetworkOnBus, ReceiveWalkFollowsFilterChangesMadeAfterRegistration) {
+    Receiver listener("filter", 0xFEF1);
+    Filter& filter = listener.filter;
+    bus.receive(0, 0x18FEF101u, {1});
+    ASSERT_TRUE(filter.clearParameterGroupNumber());
+    ASSERT_TRUE(filter.setParameterGroupNumber(0xFEF2));
+    bus.receive(0, 0x18FEF102u, {1});
+    bus.receive(0, 0x18FEF203u, {1});
+    ASSERT_TRUE(filter.addFilterRecord());  // a reject record for source 4
+    ASSERT_TRUE(filter.setSourceAddressByte(4));
+    ASSERT_TRUE(filter.setAction(Filter::ACTION_REJECT));
+    bus.receive(0, 0x18FEF204u, {1});
+    bus.receive(0, 0x18FEF205u, {1});
+    ASSERT_TRUE(filter.removeFilterRecord(0));
+    bus.receive(0, 0x18FEF206u, {1});  // only the reject record is left
+    EXPECT_EQ(events, (Events{"filter 1", "filter 3", "filter 5"}));
 }
 
 // A time at a limit passes; one a millisecond over it is reported.

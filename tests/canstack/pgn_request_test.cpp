@@ -134,6 +134,14 @@ INSTANTIATE_TEST_SUITE_P(
     // clang-format on
     [](const auto& info) { return info.param.name; });
 
+TEST_F(PgnRequestTest, AddressClaimRequestIsLeftToTheClaimProcedure) {
+    serve();
+    request(0xEE00);
+    bus.update();
+    EXPECT_TRUE(acks().empty());
+    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), 1u);  // the claim, and no loaded data
+}
+
 TEST_F(PgnRequestTest, RepeatedRequestRenewsTheWaitingSessionInsteadOfSendingTwice) {
     serve();
     bus.refused = {0xFECA};

@@ -7,6 +7,7 @@
 namespace {
 using Statistics = NetworkManagementStatisticsClass;
 using Pool = NetworkManagementMemoryPoolClass;
+using Utilities = NetworkManagementUtilitiesClass;
 Pool& pool() {
     return Pool::NETWORK_MANAGEMENT_MEMORY_POOL;
 }
@@ -35,6 +36,35 @@ TEST(CanStackDescriptionMessages, SixthNewMessageIsNotStoredButStillHeard) {
     EXPECT_EQ(descriptionCount(OWNER, "six"), 0u);
     // After the update the slots are free again.
     EXPECT_TRUE(Statistics::addDescriptionMessage(OWNER, TEXTS[5], 1));
+}
+
+TEST(CanStackDescriptionMessages, OneRecordPerTextPointerListedCriticalFirst) {
+    static const char first[] = "same words";
+    static const char second[] = "same words";
+    Statistics::addDescriptionMessage(OWNER, first, 0);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    EXPECT_EQ(Statistics::availableDescriptionMessages[2].text, TEXTS[0]);  // a slot each
+    Statistics::addDescriptionMessage(OWNER, second, 0);
+    Statistics::addDescriptionMessage(OWNER, TEXTS[1], 1);
+    Statistics::updateDescriptionMessages();
+    EXPECT_EQ(Statistics::getNumberDescriptionMessages(), 4u);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[0], 2), 2u);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, second, 0), 1u);
+    const char* owner = nullptr;
+    const char* text = nullptr;
+    uint32_t count = 0;
+    uint8_t severity = 9;
+    const uint8_t severities[] = {2, 1, 0, 0};
+    for (uint32_t i = 0; i < 4; ++i) {
+        ASSERT_TRUE(Statistics::getDescriptionMessage(i, owner, text, severity, count));
+        EXPECT_EQ(severity, severities[i]) << i;
+    }
+    EXPECT_FALSE(Statistics::getDescriptionMessage(4, owner, text, severity, count));
+    // Once listed, further reports count in the record without a slot.
+    Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
+    EXPECT_EQ(Statistics::availableDescriptionMessages[0].text, nullptr);
+    EXPECT_EQ(Statistics::getDescriptionMessageCount(OWNER, TEXTS[0], 2), 3u);
 }
 
 TEST(CanStackMemoryPool, AcquireBySizeRetainAndRelease) {
@@ -92,4 +122,52 @@ TEST(CanStackMemoryPool, ReadWriteAndMoveAcrossBlocks) {
     uint32_t small = 0;
     ASSERT_TRUE(pool().acquireBuffer(100, small));
     EXPECT_TRUE(pool().getContiguousPointer(small, pointer));
+}
+
+TEST(CanStackUtilities, GetAndSetBits) {
+    const uint8_t data[8] = {0xA5, 0x3C, 0xFF, 0x00, 0x12, 0x34, 0x56, 0x78};
+    struct Case {
+        uint32_t offset;
+        uint32_t count;
+        uint64_t expected;
+    };
+    for (const Case& c : {Case{4, 8, 0xCA}, Case{3, 5, 0x14}, Case{12, 12, 0xFF3},
+                          Case{0, 64, 0x78563412'00FF3CA5ull}}) {
+        uint64_t value = 0;
+        ASSERT_TRUE(Utilities::getBits(data, c.offset, c.count, value));
+        EXPECT_EQ(value, c.expected) << c.offset << "/" << c.count;
+    }
+    uint8_t narrow = 0;
+    EXPECT_FALSE(Utilities::getBits(data, 0, 9, narrow));
+    EXPECT_EQ(narrow, 0xFF);
+    uint8_t target[3] = {0xFF, 0xFF, 0xFF};
+    ASSERT_TRUE(Utilities::setBits(target, 4, 12, 0x123));
+    EXPECT_EQ(Bytes(target, target + 3), (Bytes{0x3F, 0x12, 0xFF}));
+    EXPECT_FALSE(Utilities::setBits(target, 0, 33, 0));
+}
+
+// Callback and device lists keep their registration order when one leaves.
+TEST(CanStackUtilities, ArrayKeepsItsOrderWhenShrinking) {
+    int a = 0, b = 0, c = 0;
+    int** array = nullptr;
+    uint16_t count = 0;
+    for (int* p : {&a, &b, &c}) {
+        ASSERT_TRUE(Utilities::addObjectToArray(p, array, count));
+    }
+    ASSERT_TRUE(Utilities::removeObjectFromArray(&b, array, count));
+    EXPECT_FALSE(Utilities::removeObjectFromArray(&b, array, count));
+    EXPECT_EQ(std::vector<int*>(array, array + count), (std::vector<int*>{&a, &c}));
+    Utilities::removeObjectFromArray(&a, array, count);
+    Utilities::removeObjectFromArray(&c, array, count);  // the last one frees the array
+}
+
+TEST(CanStackStatistics, BitCountsLowPassAndChannelRangeRefused) {
+    EXPECT_EQ(Statistics::getMessageBitCount(8, false), 108u);
+    EXPECT_EQ(Statistics::getMessageStuffedBitCount(3, false), 51u + 24u + 4u);
+    // The weight dt / tau is clamped to [0, 1].
+    EXPECT_FLOAT_EQ(Utilities::lowPassFilter(10.0f, 2.0f, 5.0f, 1.0f), 10.0f);
+    EXPECT_FLOAT_EQ(Utilities::lowPassFilter(10.0f, 2.0f, -1.0f, 1.0f), 2.0f);
+    const Statistics& s = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    EXPECT_EQ(s.getReceivedCount(3), 0xFFFFFFFFu);
+    EXPECT_EQ(s.countDevices(3), 0u);
 }
