@@ -123,3 +123,28 @@ TEST(ReplayChannels, SentFramesAreReadUntilTheServiceClosesItsEnds) {
 }
 
 }  // namespace
+
+// A step's frames go out many to a system call; across the batches their order holds, and a
+// closed service end refuses them.
+TEST(ReplayChannels, ABatchArrivesWholeAndInOrder) {
+    replay::Stopper stopper;
+    replay::Channels channels(kNames, stopper);
+    const std::vector<int> service = openAll(channels);
+    std::vector<can_frame> frames;
+    for (canid_t id = 0; id < 130; ++id) {
+        frames.push_back(frame(id));
+    }
+    ASSERT_TRUE(channels.write(1, frames.data(), frames.size()));
+    for (canid_t id = 0; id < 130; ++id) {
+        can_frame got{};
+        ASSERT_EQ(::recv(service[1], &got, sizeof got, MSG_DONTWAIT),
+                  static_cast<ssize_t>(sizeof got));
+        ASSERT_EQ(got.can_id, id);
+    }
+    can_frame more{};
+    EXPECT_EQ(::recv(service[1], &more, sizeof more, MSG_DONTWAIT), -1) << "nothing more";
+    ::close(service[1]);
+    EXPECT_FALSE(channels.write(1, frames.data(), 1));
+    ::close(service[0]);
+    ::close(service[2]);
+}
