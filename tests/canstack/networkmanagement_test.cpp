@@ -282,6 +282,8 @@ TEST_F(CanStackNetworkClaimed, LoadCallbacksWalkThreePasses) {
     ControlFunctionClass* peer = bus.claimFrom(0, 0x10, testNAME(1));
     NM::addLoadParameterGroupNumberDataCallback(&load<ANY>);
     NM::addLoadParameterGroupNumberDataCallback(&load<FOR_PEER>, PGN_ANY, peer);
+    NM::addLoadParameterGroupNumberDataCallback(
+        &load<FOR_PEER>, PGN_ANY, bus.claimFrom(0, 0x11, testNAME(2)));  // unconcerned
     EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 21u);
     EXPECT_EQ(events, (Events{"peer", "any"}));
     EXPECT_EQ(descriptionCount(OWNER, "PGN Not Valid Send Parameter Group Number", 2), 1u);
@@ -331,9 +333,12 @@ TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
     for (int i = 0; i < 20; ++i) {
         bus.receive(1, 0x18FEF101u, {1, 2, 3, 4});
     }
-    bus.advance(1000);
-    bus.update();
     const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    bus.advance(999);
+    bus.update();  // a millisecond early: no rate yet
+    EXPECT_EQ(statistics.getReceivedPerSecond(1), 0u);
+    bus.advance(1);
+    bus.update();
     EXPECT_FLOAT_EQ(statistics.getAverageReceivedPerSecond(1), 2.0f);
     EXPECT_EQ(statistics.getReceivedBits(1), 20u * (64u + 32u));
     EXPECT_EQ(statistics.getReceivedStuffedBits(1), 20u * (75u + 32u + 6u));
