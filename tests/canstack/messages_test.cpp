@@ -263,6 +263,7 @@ TEST(CanStackMessageQueue, OldestFirstPerHandleAndFreedEntriesKeepNothing) {
     // The first went into the entry the full frame left: it reads zeros past its own byte.
     EXPECT_EQ(taken, (std::vector<Bytes>{{1, 0, 0, 0, 0, 0, 0, 0}, {2, 0, 0, 0, 0, 0, 0, 0}}));
     EXPECT_EQ(queue().getCurrentCount(), 1u);
+    EXPECT_EQ(queue().getPeakCount(), 3u);
     EXPECT_EQ(queue().getNextReceivedCANMessage(0xFFFFFFFFu), nullptr);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid Queue Handle GetNextReceivedCANMessage", 2), 1u);
     EXPECT_EQ(descriptionCount(QUEUE, "Invalid CAN Message FreeReceivedCANMessage", 2), 2u);
