@@ -1,15 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "simulated_bus.h"
 
 TEST(CanStackNAME, FieldsHaveTheirWidthsAndPlaces) {
-    struct Case {
-        bool (NAMEClass::*set)(uint32_t);
-        uint32_t (NAMEClass::*get)() const;
-        uint32_t largest;
-        uint32_t offset;
-    };
-    const Case cases[] = {
+    using Set = bool (NAMEClass::*)(uint32_t);
+    using Get = uint32_t (NAMEClass::*)() const;
+    // Setter, getter, largest value, bit offset.
+    const std::tuple<Set, Get, uint32_t, uint32_t> cases[] = {
         {&NAMEClass::setIdentityNumber, &NAMEClass::getIdentityNumber, 2097151, 0},
         {&NAMEClass::setManufacturerCode, &NAMEClass::getManufacturerCode, 2047, 21},
         {&NAMEClass::setECUInstance, &NAMEClass::getECUInstance, 7, 32},
@@ -20,12 +19,12 @@ TEST(CanStackNAME, FieldsHaveTheirWidthsAndPlaces) {
         {&NAMEClass::setIndustryGroup, &NAMEClass::getIndustryGroup, 7, 60},
         {&NAMEClass::setSelfConfigurableAddress, &NAMEClass::getSelfConfigurableAddress, 1, 63},
     };
-    for (const Case& c : cases) {
+    for (const auto& [set, get, largest, offset] : cases) {
         NAMEClass name(0);
-        EXPECT_TRUE((name.*c.set)(c.largest));
-        EXPECT_EQ(name.getNAME(), uint64_t{c.largest} << c.offset);
-        EXPECT_FALSE((name.*c.set)(c.largest + 1));
-        EXPECT_EQ((name.*c.get)(), c.largest);
+        EXPECT_TRUE((name.*set)(largest));
+        EXPECT_EQ(name.getNAME(), uint64_t{largest} << offset);
+        EXPECT_FALSE((name.*set)(largest + 1));
+        EXPECT_EQ((name.*get)(), largest);
     }
     NAMEClass reserved(1ull << 48);
     reserved.setFunction(3);
@@ -62,7 +61,6 @@ TEST(CanStackNAME, MatchingAgainstFieldLists) {
     EXPECT_TRUE(NAMEClass::matchesNAMEFields(identity, 3, deere));
 }
 
-// How the service asks whether a manufacturer has a node on a channel.
 TEST(CanStackControlFunction, CountsByNAMEFieldsOnOneChannel) {
     SimulatedBus bus;
     bus.update();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "canstack/canprotocol.h"
 #include "canstack/filteredmessagecallback.h"
@@ -117,6 +118,9 @@ TEST_F(CanStackNetworkOnBus, ClaimsMoveDevicesAndCreateOneFunctionPerNewNAME) {
     EXPECT_EQ(descriptionCount(OWNER, "Invalid Data Length in Address Claim Message", 2), 1u);
     EXPECT_EQ(NM::getControlFunction(0, 0x33), nullptr);
     EXPECT_EQ(events, (Events{"new 16"}));
+    EXPECT_EQ(NM::addNewControlFunctionCallback(&recordNew), nullptr);
+    EXPECT_EQ(NM::addNewControlFunctionCallback(nullptr), nullptr);
+    EXPECT_EQ(descriptionCount(OWNER, "Failed AddNewControlFunctionCallback", 2), 2u);
 }
 
 TEST_F(CanStackNetworkClaimed, GlobalCallbacksSeeOnlyKnownSourcesAndOwnTraffic) {
@@ -144,90 +148,74 @@ TEST(CanStackNetworkManagement, RejectRecordWinsInEitherOrder) {
         ASSERT_TRUE(rejectFirst ? reject(filter) : accept(filter));
         ASSERT_TRUE(filter.addFilterRecord());
         ASSERT_TRUE(rejectFirst ? accept(filter) : reject(filter));
-        EXPECT_FALSE(matches(filter, 1, 0x18FEF133u, 1, 0)) << rejectFirst;  // both
-        EXPECT_TRUE(matches(filter, 1, 0x18FEF134u, 1, 0)) << rejectFirst;   // accept only
-        EXPECT_FALSE(matches(filter, 1, 0x18FEF233u, 1, 0)) << rejectFirst;  // reject only
+        EXPECT_EQ((std::vector<bool>{matches(filter, 1, 0x18FEF133u, 1, 0),
+                                     matches(filter, 1, 0x18FEF134u, 1, 0),
+                                     matches(filter, 1, 0x18FEF233u, 1, 0)}),
+                  (std::vector<bool>{false, true, false}))
+            << rejectFirst;
     }
 }
 
 TEST(CanStackNetworkManagement, FilterSettersRefuseWhatIsSetOrOutOfRange) {
-    Filter filter;
-    EXPECT_TRUE(filter.setChannel(1));
-    EXPECT_FALSE(filter.setChannel(2));  // already set
-    EXPECT_TRUE(filter.setIdentifierType(1));
-    EXPECT_TRUE(filter.setIdentifierType(1));
-    EXPECT_FALSE(filter.setIdentifierType(0));
-    EXPECT_TRUE(filter.setDataBits(8, 12, 0xABC));
-    EXPECT_FALSE(filter.setDataBits(16, 4, 0));  // overlaps
-    EXPECT_FALSE(filter.setDataBits(60, 8, 0));
-    EXPECT_FALSE(filter.setDataBits(0xFFFFFFF8u, 16, 0));  // offset plus count wraps
-    EXPECT_FALSE(filter.setParameterGroupNumber(0xEF01));
-    EXPECT_FALSE(filter.setPriority(8));
-    EXPECT_TRUE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93));
-    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1));
-    EXPECT_FALSE(filter.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8));
+    Filter f;
     Filter standard;
-    ASSERT_TRUE(standard.setIdentifierType(0));
-    EXPECT_FALSE(standard.setPDUFormat(0xFE));  // identifier fields need extended frames
-    EXPECT_TRUE(standard.removeFilterRecord(0));
-    EXPECT_FALSE(standard.setChannel(0));  // nothing selected
+    EXPECT_EQ(
+        (std::vector<bool>{
+            f.setChannel(1), f.setChannel(2), f.setIdentifierType(1), f.setIdentifierType(1),
+            f.setIdentifierType(0), f.setDataBits(8, 12, 0xABC), f.setDataBits(16, 4, 0),
+            f.setDataBits(60, 8, 0), f.setDataBits(0xFFFFFFF8u, 16, 0),
+            f.setParameterGroupNumber(0xEF01), f.setPriority(8),
+            f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93),
+            f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 1),
+            f.setSourceNAMEField(NAME_FIELD_INDUSTRY_GROUP, 8), standard.setIdentifierType(0),
+            standard.setPDUFormat(0xFE), standard.removeFilterRecord(0), standard.setChannel(0)}),
+        (std::vector<bool>{true, false, true, true, false, true, false, false, false, false, false,
+                           true, false, false, true, false, true, false}));
 }
 
 // One field set, one frame: 0x10 is NAME A (manufacturer 93, function 0x85), 0x11 is NAME B
-// (manufacturer 94, function 0x05), 0x20 has made no claim.
-struct FilterCase {
-    const char* name;
-    bool (*set)(Filter&);
-    uint8_t type;  // 0 standard, 1 extended
-    uint32_t identifier;
-    uint8_t length;
-    uint8_t channel;
-    bool matches;
-};
-class CanStackFilterMatch : public BusTest, public ::testing::WithParamInterface<FilterCase> {};
-
-TEST_P(CanStackFilterMatch, FieldDecides) {
-    const FilterCase& c = GetParam();
+// (manufacturer 94, function 0x05), 0x20 has made no claim. Frame type 0 is standard.
+TEST_F(CanStackNetworkOnBus, FilterFieldDecides) {
     for (uint8_t address : {0x10, 0x11}) {
         NAMEClass name(testNAME(address, address == 0x10 ? 93 : 94));
         name.setFunction(address == 0x10 ? 0x85 : 0x05);
         bus.claimFrom(0, address, name.getNAME());
     }
-    Filter filter;
-    ASSERT_TRUE(c.set(filter));
-    EXPECT_EQ(matches(filter, c.type, c.identifier, c.length, c.channel), c.matches);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, CanStackFilterMatch,
-    ::testing::Values(
-        // clang-format off
-        FilterCase{"Pgn", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF120, 8, 0, true},
-        FilterCase{"PgnOther", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF220, 8, 0, false},
-        FilterCase{"Channel", [](Filter& f) { return f.setChannel(1); }, 1, 0x18FEF120, 8, 0, false},
-        FilterCase{"Priority", [](Filter& f) { return f.setPriority(6); }, 1, 0x18FEF120, 8, 0, true},
-        FilterCase{"PriorityOther", [](Filter& f) { return f.setPriority(6); }, 1, 0x0CFEF120, 8, 0, false},
-        FilterCase{"DataBits", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 3, 0, true},
-        FilterCase{"DataBitsOther", [](Filter& f) { return f.setDataBits(8, 12, 0xABB); }, 1, 0x18FEF120, 3, 0, false},
-        FilterCase{"DataBitsBeyondTheData", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 2, 0, false},
-        FilterCase{"DataLength", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 3, 0, true},
-        FilterCase{"DataLengthOther", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 4, 0, false},
-        FilterCase{"MessageType", [](Filter& f) { return f.setMessageType(1); }, 1, 0x18FEF120, 8, 0, true},
-        FilterCase{"MessageTypeLong", [](Filter& f) { return f.setMessageType(0); }, 1, 0x18FEF120, 8, 0, false},
-        FilterCase{"StandardIdentifier", [](Filter& f) { return f.setIdentifierType(0) && f.setIdentifier(0x123); }, 0, 0x123, 8, 2, true},
-        FilterCase{"StandardOnly", [](Filter& f) { return f.setIdentifierType(0); }, 1, 0x18FEF120, 8, 0, false},
-        FilterCase{"SourceNAME", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF110, 8, 0, true},
-        FilterCase{"SourceNAMEOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF111, 8, 0, false},
-        FilterCase{"SourceNAMEUnknown", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF120, 8, 0, false},
-        FilterCase{"UnknownNAMEByAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF120, 8, 0, true},
-        FilterCase{"UnknownNAMEOtherAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF121, 8, 0, false},
-        FilterCase{"SourceFunction", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF110, 8, 0, true},
-        FilterCase{"SourceFunctionOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF111, 8, 0, false},
-        FilterCase{"DestinationNAME", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1110, 8, 0, true},
-        FilterCase{"DestinationNAMEOther", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1011, 8, 0, false},
-        FilterCase{"DestinationNAMEBroadcast", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18FEF110, 8, 0, false}),
+    using Set = bool (*)(Filter&);
+    // clang-format off
+    const std::tuple<const char*, Set, uint8_t, uint32_t, uint8_t, uint8_t, bool> cases[] = {
+        {"Pgn", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF120, 8, 0, true},
+        {"PgnOther", [](Filter& f) { return f.setParameterGroupNumber(0xFEF1); }, 1, 0x18FEF220, 8, 0, false},
+        {"Channel", [](Filter& f) { return f.setChannel(1); }, 1, 0x18FEF120, 8, 0, false},
+        {"Priority", [](Filter& f) { return f.setPriority(6); }, 1, 0x18FEF120, 8, 0, true},
+        {"PriorityOther", [](Filter& f) { return f.setPriority(6); }, 1, 0x0CFEF120, 8, 0, false},
+        {"DataBits", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 3, 0, true},
+        {"DataBitsOther", [](Filter& f) { return f.setDataBits(8, 12, 0xABB); }, 1, 0x18FEF120, 3, 0, false},
+        {"DataBitsBeyondTheData", [](Filter& f) { return f.setDataBits(8, 12, 0xABC); }, 1, 0x18FEF120, 2, 0, false},
+        {"DataLength", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 3, 0, true},
+        {"DataLengthOther", [](Filter& f) { return f.setDataLength(3); }, 1, 0x18FEF120, 4, 0, false},
+        {"MessageType", [](Filter& f) { return f.setMessageType(1); }, 1, 0x18FEF120, 8, 0, true},
+        {"MessageTypeLong", [](Filter& f) { return f.setMessageType(0); }, 1, 0x18FEF120, 8, 0, false},
+        {"StandardIdentifier", [](Filter& f) { return f.setIdentifierType(0) && f.setIdentifier(0x123); }, 0, 0x123, 8, 2, true},
+        {"StandardOnly", [](Filter& f) { return f.setIdentifierType(0); }, 1, 0x18FEF120, 8, 0, false},
+        {"SourceNAME", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF110, 8, 0, true},
+        {"SourceNAMEOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF111, 8, 0, false},
+        {"SourceNAMEUnknown", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93); }, 1, 0x18FEF120, 8, 0, false},
+        {"UnknownNAMEByAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF120, 8, 0, true},
+        {"UnknownNAMEOtherAddress", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_MANUFACTURER_CODE, 93) && f.setSourceAddress(0x20); }, 1, 0x18FEF121, 8, 0, false},
+        {"SourceFunction", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF110, 8, 0, true},
+        {"SourceFunctionOther", [](Filter& f) { return f.setSourceNAMEField(NAME_FIELD_FUNCTION, 0x85); }, 1, 0x18FEF111, 8, 0, false},
+        {"DestinationNAME", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1110, 8, 0, true},
+        {"DestinationNAMEOther", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18EF1011, 8, 0, false},
+        {"DestinationNAMEBroadcast", [](Filter& f) { return f.setDestinationNAMEField(NAME_FIELD_MANUFACTURER_CODE, 94); }, 1, 0x18FEF110, 8, 0, false},
+    };
     // clang-format on
-    [](const auto& info) { return info.param.name; });
+    for (const auto& [name, set, type, identifier, length, channel, matched] : cases) {
+        Filter filter;
+        ASSERT_TRUE(set(filter)) << name;
+        EXPECT_EQ(matches(filter, type, identifier, length, channel), matched) << name;
+    }
+}
 
 TEST_F(CanStackNetworkOnBus, CallbackRemovingItselfOrItsFilterEndsTheWalkForThatMessage) {
     static Filter* filter = new Filter();
@@ -260,15 +248,18 @@ TEST_F(CanStackNetworkClaimed, SendResults) {
     // Every program carries the transport protocol; take it out to see the bare send path.
     ASSERT_TRUE(
         NM::removeTransmitFunction(&TransportProtocolClass::initializeTransportProtocolTransmit));
-    // A long message with no transmit function: success, and nothing goes out.
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6), 0u);
-    EXPECT_TRUE(bus.framesWithPGN(0xFEF1).empty());
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, nullptr, nullptr, 6), 11u);
-    EXPECT_EQ(NM::sendMessage(2, 0xFEF1, data, 8, 0, &self, nullptr, 255, 6, false, nullptr,
-                              nullptr, false),
-              1u);
-    EXPECT_EQ(NM::sendStandardMessage(0x100, data, 9, 0), 8u);
-    EXPECT_EQ(NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6, false, &handle), 0u);
+    // First a long message with no transmit function: success, and nothing goes out.
+    EXPECT_EQ(
+        (std::vector<uint32_t>{
+            NM::sendParameterGroupNumber(0xFEF1, data, 9, &self, nullptr, 6),
+            NM::sendParameterGroupNumber(0xFEF1, data, 8, nullptr, nullptr, 6),
+            NM::sendMessage(2, 0xFEF1, data, 8, 0, &self, nullptr, 255, 6, false, nullptr, nullptr,
+                            false),
+            NM::sendStandardMessage(0x100, data, 9, 0),
+            NM::sendParameterGroupNumber(0xFEF1, data, 8, &self, nullptr, 6, false, &handle)}),
+        (std::vector<uint32_t>{0, 11, 1, 8, 0}));
+    EXPECT_EQ(descriptionCount(OWNER, "Identifier Type Invalid", 2), 1u);
+    EXPECT_EQ(descriptionCount(OWNER, "Internal Control Function NULL", 2), 1u);
     EXPECT_NE(handle, 0xFFFFFFFFu);
     ASSERT_EQ(bus.framesWithPGN(0xFEF1).size(), 1u);
     EXPECT_EQ(bus.frames.back().identifier, 0x18FEF180u);
@@ -291,16 +282,23 @@ TEST_F(CanStackNetworkClaimed, LoadCallbacksWalkThreePasses) {
     ControlFunctionClass* peer = bus.claimFrom(0, 0x10, testNAME(1));
     NM::addLoadParameterGroupNumberDataCallback(&load<ANY>);
     NM::addLoadParameterGroupNumberDataCallback(&load<FOR_PEER>, PGN_ANY, peer);
+    NM::addLoadParameterGroupNumberDataCallback(
+        &load<FOR_PEER>, PGN_ANY, bus.claimFrom(0, 0x11, testNAME(2)));  // unconcerned
     EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 21u);
     EXPECT_EQ(events, (Events{"peer", "any"}));
     EXPECT_EQ(descriptionCount(OWNER, "PGN Not Valid Send Parameter Group Number", 2), 1u);
-    NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1);
+    LOAD_PARAMETER_GROUP_NUMBER_DATA_STRUCT* exact =
+        NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1);
     EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(&load<EXACT>, 0xFEF1), nullptr);
+    EXPECT_EQ(NM::addLoadParameterGroupNumberDataCallback(nullptr), nullptr);
+    EXPECT_EQ(descriptionCount(OWNER, "Failed Adding Load PGN Data Callback to List", 2), 2u);
     events.clear();
     EXPECT_EQ(NM::sendParameterGroupNumberFromCallback(0xFEF1, &self, peer), 0u);
     EXPECT_EQ(events, (Events{"exact"}));
     EXPECT_EQ(bus.frames.back().data, (Bytes{9, 8, 7}));
     EXPECT_EQ(bus.frames.back().priority(), 6);
+    ASSERT_TRUE(NM::removeLoadParameterGroupNumberDataCallback(exact));
+    EXPECT_FALSE(NM::removeLoadParameterGroupNumberDataCallback(exact));
 }
 
 TEST_F(CanStackNetworkClaimed, TransmitResultsAreCountedAndReported) {
@@ -335,15 +333,17 @@ TEST_F(CanStackNetworkOnBus, UpdateComputesRatesOncePerSecond) {
     for (int i = 0; i < 20; ++i) {
         bus.receive(1, 0x18FEF101u, {1, 2, 3, 4});
     }
-    bus.advance(1000);
-    bus.update();
     const Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
-    EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
+    bus.advance(999);
+    bus.update();  // a millisecond early: no rate yet
+    EXPECT_EQ(statistics.getReceivedPerSecond(1), 0u);
+    bus.advance(1);
+    bus.update();
     EXPECT_FLOAT_EQ(statistics.getAverageReceivedPerSecond(1), 2.0f);
     EXPECT_EQ(statistics.getReceivedBits(1), 20u * (64u + 32u));
     EXPECT_EQ(statistics.getReceivedStuffedBits(1), 20u * (75u + 32u + 6u));
     bus.advance(500);
-    bus.update();
+    bus.update();  // too soon: the rate stays
     EXPECT_EQ(statistics.getReceivedPerSecond(1), 20u);
     const uint8_t* last = nullptr;
     EXPECT_EQ(statistics.getLastReceived(last), 0x98FEF101u);
@@ -369,27 +369,25 @@ TEST_F(CanStackNetworkOnBus, ReceiveWalkFollowsFilterChangesMadeAfterRegistratio
 }
 
 // A time at a limit passes; one a millisecond over it is reported.
-namespace {
-enum Slow { PROTOCOL, RECEIVE, GAP };
-uint32_t slowMs = 0;
-Slow slowPart = GAP;
-struct SlowProtocol : CANProtocolClass {
-    void initialize() override {}
-    void update() override { SimulatedBus::now += slowPart == PROTOCOL ? slowMs : 0; }
-    void receiveCANMessage(CANMessageClass*) override {}
-};
-struct LimitCase {
-    const char* name;
-    void (Statistics::*setLimit)(uint16_t);
-    Slow slow;
-    const char* owner;
-    const char* text;
-};
-class CanStackLimits : public ::testing::TestWithParam<LimitCase> {};
-}  // namespace
-
-TEST_P(CanStackLimits, OnlyATimeOverTheLimitIsReported) {
-    const LimitCase& c = GetParam();
+TEST(CanStackNetworkManagement, OnlyATimeOverTheLimitIsReported) {
+    enum Slow { PROTOCOL, RECEIVE, GAP };
+    static uint32_t slowMs = 0;
+    static Slow slowPart = GAP;
+    struct SlowProtocol : CANProtocolClass {
+        void initialize() override {}
+        void update() override { SimulatedBus::now += slowPart == PROTOCOL ? slowMs : 0; }
+        void receiveCANMessage(CANMessageClass*) override {}
+    };
+    Statistics& statistics = Statistics::NETWORK_MANAGEMENT_STATISTICS;
+    using Limit = void (Statistics::*)(uint16_t);
+    // clang-format off
+    const std::tuple<Limit, Slow, const char*, const char*> cases[] = {
+        {&Statistics::setProtocolUpdateLimit, PROTOCOL, "CAN Protocol", "CAN Protocol Update Execution Time Longer than Acceptable"},
+        {&Statistics::setUpdateExecutionLimit, PROTOCOL, OWNER, "Update Execution Time Longer than Acceptable"},
+        {&Statistics::setUpdateServiceLimit, GAP, OWNER, "Update Service Time Longer than Acceptable"},
+        {&Statistics::setReceiveLimit, RECEIVE, OWNER, "Receive CAN Message Execution Time Longer than Acceptable"},
+    };
+    // clang-format on
     SimulatedBus bus;
     SlowProtocol protocol;
     Filter filter;
@@ -399,25 +397,17 @@ TEST_P(CanStackLimits, OnlyATimeOverTheLimitIsReported) {
             SimulatedBus::now += slowPart == RECEIVE ? slowMs : 0;
         },
         nullptr);
-    bus.update();
-    (Statistics::NETWORK_MANAGEMENT_STATISTICS.*c.setLimit)(5);
-    slowPart = c.slow;
-    for (uint32_t ms : {5u, 6u}) {
-        slowMs = ms;
-        bus.receive(0, 0x18FEF101u, {1});
-        bus.advance(c.slow == GAP ? ms : 0);
-        bus.update();
-        EXPECT_EQ(descriptionCount(c.owner, c.text, 2), ms == 6 ? 1u : 0u) << ms;
+    for (const auto& [setLimit, slow, owner, text] : cases) {
+        slowPart = slow;
+        bus.update();  // the previous row's slow update ends here, under no limit
+        (statistics.*setLimit)(5);
+        for (uint32_t ms : {5u, 6u}) {
+            slowMs = ms;
+            bus.receive(0, 0x18FEF101u, {1});
+            bus.advance(slow == GAP ? ms : 0);
+            bus.update();
+            EXPECT_EQ(descriptionCount(owner, text, 2), ms == 6 ? 1u : 0u) << text << ms;
+        }
+        (statistics.*setLimit)(0xFFFF);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Limits, CanStackLimits,
-    ::testing::Values(
-        // clang-format off
-        LimitCase{"Protocol", &Statistics::setProtocolUpdateLimit, PROTOCOL, "CAN Protocol", "CAN Protocol Update Execution Time Longer than Acceptable"},
-        LimitCase{"Update", &Statistics::setUpdateExecutionLimit, PROTOCOL, OWNER, "Update Execution Time Longer than Acceptable"},
-        LimitCase{"Service", &Statistics::setUpdateServiceLimit, GAP, OWNER, "Update Service Time Longer than Acceptable"},
-        LimitCase{"Receive", &Statistics::setReceiveLimit, RECEIVE, OWNER, "Receive CAN Message Execution Time Longer than Acceptable"}),
-    // clang-format on
-    [](const auto& info) { return info.param.name; });

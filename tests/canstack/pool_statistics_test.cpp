@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "simulated_bus.h"
 
@@ -18,18 +19,18 @@ const char* const TEXTS[] = {"one", "two", "three", "four", "five", "six"};
 
 TEST(CanStackDescriptionMessages, SixthNewMessageIsNotStoredButStillHeard) {
     static std::vector<std::string> heard;
-    ASSERT_NE(Statistics::addDescriptionMessageCallback(
-                  [](const char*, const char* text, uint8_t, uint32_t count) {
-                      heard.push_back(text + std::string(" x") + std::to_string(count));
-                  }),
-              nullptr);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_TRUE(Statistics::addDescriptionMessage(OWNER, TEXTS[i], 1));
+    ASSERT_NE(
+        Statistics::addDescriptionMessageCallback([](const char*, const char* text,
+                                                     uint8_t severity, uint32_t count) {
+            heard.push_back(text + (" " + std::to_string(severity)) + " x" + std::to_string(count));
+        }),
+        nullptr);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(Statistics::addDescriptionMessage(OWNER, TEXTS[i], 1), i < 5) << i;
     }
-    EXPECT_FALSE(Statistics::addDescriptionMessage(OWNER, TEXTS[5], 1));
-    ASSERT_EQ(heard.size(), 7u);  // five, the overflow record, and the sixth
-    EXPECT_EQ(heard[5], "Out Of Description Messages x1");
-    EXPECT_EQ(heard[6], "six x1");
+    EXPECT_EQ(heard, (std::vector<std::string>{"one 1 x1", "two 1 x1", "three 1 x1", "four 1 x1",
+                                               "five 1 x1", "Out Of Description Messages 2 x1",
+                                               "six 1 x1"}));
     EXPECT_EQ(descriptionCount("Network Management Statistics", "Out Of Description Messages", 2),
               1u);
     EXPECT_EQ(Statistics::getNumberDescriptionMessages(), 6u);
@@ -55,12 +56,11 @@ TEST(CanStackDescriptionMessages, OneRecordPerTextPointerListedCriticalFirst) {
     const char* text = nullptr;
     uint32_t count = 0;
     uint8_t severity = 9;
-    const uint8_t severities[] = {2, 1, 0, 0};
-    for (uint32_t i = 0; i < 4; ++i) {
-        ASSERT_TRUE(Statistics::getDescriptionMessage(i, owner, text, severity, count));
-        EXPECT_EQ(severity, severities[i]) << i;
+    std::vector<int> severities;
+    while (Statistics::getDescriptionMessage(severities.size(), owner, text, severity, count)) {
+        severities.push_back(severity);
     }
-    EXPECT_FALSE(Statistics::getDescriptionMessage(4, owner, text, severity, count));
+    EXPECT_EQ(severities, (std::vector<int>{2, 1, 0, 0}));
     // Once listed, further reports count in the record without a slot.
     Statistics::addDescriptionMessage(OWNER, TEXTS[0], 2);
     EXPECT_EQ(Statistics::availableDescriptionMessages[0].text, nullptr);
@@ -126,16 +126,12 @@ TEST(CanStackMemoryPool, ReadWriteAndMoveAcrossBlocks) {
 
 TEST(CanStackUtilities, GetAndSetBits) {
     const uint8_t data[8] = {0xA5, 0x3C, 0xFF, 0x00, 0x12, 0x34, 0x56, 0x78};
-    struct Case {
-        uint32_t offset;
-        uint32_t count;
-        uint64_t expected;
-    };
-    for (const Case& c : {Case{4, 8, 0xCA}, Case{3, 5, 0x14}, Case{12, 12, 0xFF3},
-                          Case{0, 64, 0x78563412'00FF3CA5ull}}) {
+    const std::tuple<uint32_t, uint32_t, uint64_t> cases[] = {
+        {4, 8, 0xCA}, {3, 5, 0x14}, {12, 12, 0xFF3}, {0, 64, 0x78563412'00FF3CA5ull}};
+    for (const auto& [offset, count, expected] : cases) {
         uint64_t value = 0;
-        ASSERT_TRUE(Utilities::getBits(data, c.offset, c.count, value));
-        EXPECT_EQ(value, c.expected) << c.offset << "/" << c.count;
+        ASSERT_TRUE(Utilities::getBits(data, offset, count, value));
+        EXPECT_EQ(value, expected) << offset << "/" << count;
     }
     uint8_t narrow = 0;
     EXPECT_FALSE(Utilities::getBits(data, 0, 9, narrow));
@@ -159,6 +155,25 @@ TEST(CanStackUtilities, ArrayKeepsItsOrderWhenShrinking) {
     EXPECT_EQ(std::vector<int*>(array, array + count), (std::vector<int*>{&a, &c}));
     Utilities::removeObjectFromArray(&a, array, count);
     Utilities::removeObjectFromArray(&c, array, count);  // the last one frees the array
+}
+
+// Bad parameters and callbacks are refused with a critical report of the statistics' own.
+TEST(CanStackStatistics, RefusalsAreReported) {
+    auto hear = [](const char*, const char*, uint8_t, uint32_t, void*) {};
+    int parameter = 0;
+    const char* const SELF = "Network Management Statistics";
+    EXPECT_EQ((std::vector<bool>{Statistics::addDescriptionMessage(nullptr, "text", 1),
+                                 Statistics::addDescriptionMessage(OWNER, nullptr, 1),
+                                 Statistics::addDescriptionMessage(OWNER, "text", 3)}),
+              (std::vector<bool>(3, false)));
+    EXPECT_EQ(descriptionCount(SELF, "Invalid Parameters AddDescriptionMessage", 2), 3u);
+    const DescriptionMessageFunction none = nullptr;
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(none), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(hear, nullptr), nullptr);
+    EXPECT_NE(Statistics::addDescriptionMessageCallback(hear, &parameter), nullptr);
+    EXPECT_EQ(Statistics::addDescriptionMessageCallback(hear, &parameter), nullptr);
+    EXPECT_EQ(descriptionCount(SELF, "Failed AddDescriptionMessageCallback", 2), 1u);
+    EXPECT_EQ(descriptionCount(SELF, "Failed AddDescriptionMessageCallback Pointer", 2), 2u);
 }
 
 TEST(CanStackStatistics, BitCountsLowPassAndChannelRangeRefused) {
