@@ -9,11 +9,15 @@
 namespace {
 const char* const OWNER = "Internal Control Function";
 const Bytes CLAIM_REQUEST = {0x00, 0xEE, 0x00};
+const std::string REQUEST_TEXT = "18EAFFFE:00EE00";
 
 Bytes nameBytes(uint64_t name) {
     Bytes bytes(8);
     NAMEClass(name).toBytes(bytes.data());
     return bytes;
+}
+std::string claimText(uint8_t address, uint64_t name) {
+    return text(SentFrame{0x18EEFF00u | address, nameBytes(name), true});
 }
 }  // namespace
 
@@ -29,13 +33,8 @@ TEST_P(CanStackFreeAddress, ClaimedWithARequestAndOneClaim) {
     TestInternalControlFunction self(testNAME(1234), 0, {0x80, 0x81});
     ASSERT_TRUE(bus.runUntilClaimed(self));
     EXPECT_EQ(NM::getControlFunction(0, 0x80), &self);
-    EXPECT_EQ(self.claimedCount, 1);
-    EXPECT_EQ(self.startCount, 1);
-    ASSERT_EQ(bus.frames.size(), 2u);
-    EXPECT_EQ(bus.frames[0].identifier, 0x18EAFFFEu);
-    EXPECT_EQ(bus.frames[0].data, CLAIM_REQUEST);
-    EXPECT_EQ(bus.frames[1].identifier, 0x18EEFF80u);
-    EXPECT_EQ(bus.frames[1].data, nameBytes(testNAME(1234)));
+    EXPECT_EQ(self.claimedCount + 10 * self.startCount, 11);
+    EXPECT_EQ(bus.texts(), (Texts{REQUEST_TEXT, claimText(0x80, testNAME(1234))}));
     EXPECT_TRUE(bus.frames[1].immediate);
 }
 INSTANTIATE_TEST_SUITE_P(StartTimes, CanStackFreeAddress, ::testing::Values(1000u, 0xFFFFFF00u));
@@ -59,11 +58,11 @@ TEST(CanStackAddressClaim, RandomDelayComesFromTheNAME) {
 }
 
 // Time spent in each claim state, stepping 1 ms at a time: a state is left at the first update
-// at which its wait has passed, so each timed state lasts exactly its wait.
+// at which its wait (plus `delays` random delays) has passed.
 struct StateTime {
     const char* scenario;
     ClaimState state;
-    uint32_t wait;  // plus the random delay this many times
+    uint32_t wait;
     uint32_t delays;
 };
 class CanStackClaimTimes : public ::testing::TestWithParam<StateTime> {};
@@ -122,6 +121,12 @@ TEST_F(CanStackClaimOnBus, SelfConfigurableWalksItsListThenContestsByNAME) {
     ASSERT_TRUE(NM::findControlFunctionByNAME(NAMEClass(testNAME(200)), 1, loser));
     EXPECT_EQ(loser->getAddress(), 254);
     EXPECT_TRUE(NM::isLostDevice(loser));
+
+    // A claim the bus never confirms as sent is not held: it goes again, and never wins.
+    bus.confirmSuccess = false;
+    TestInternalControlFunction unheard(testNAME(300), 0, {0x90});
+    EXPECT_FALSE(bus.runUntilClaimed(unheard, 600));
+    EXPECT_GT(bus.framesWithPGN(0xEE00).size(), 4u);
 }
 
 // Not self-configurable, against a NAME one below, equal to and one above its own: only a
@@ -136,9 +141,7 @@ TEST_P(CanStackNotSelfConfigurable, OnlyALowerNAMEWins) {
     TestInternalControlFunction self(own, 0, {0x80, 0x81});
     const bool wins = GetParam() > 0;
     ASSERT_EQ(bus.runUntilClaimed(self, 2000), wins);
-    const std::vector<SentFrame> claims = bus.framesWithPGN(0xEE00);
-    ASSERT_EQ(claims.size(), 1u);
-    EXPECT_EQ(claims[0].source(), wins ? 0x80 : 254);
+    EXPECT_EQ(bus.texts(), (Texts{REQUEST_TEXT, claimText(wins ? 0x80 : 0xFE, own)}));
     EXPECT_EQ(descriptionCount(OWNER, "Cannot Find a Valid Address, Not Self Configurable", 2),
               wins ? 0u : 1u);
     bus.receive(0, 0x18EAFF81u, CLAIM_REQUEST);
@@ -154,62 +157,32 @@ class CanStackContest : public ClaimedTest, public ::testing::WithParamInterface
 
 TEST_P(CanStackContest, InClaimedState) {
     const bool weaker = GetParam();
-    const size_t claims = bus.framesWithPGN(0xEE00).size();
-    const size_t requests = bus.framesWithPGN(0xEA00).size();
+    bus.frames.clear();
     bus.claimFrom(0, 0x80, testNAME(weaker ? 300 : 5));
     EXPECT_EQ(self.getAddress(), 254);
-    bus.run(10);
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_LOST_ADDRESS);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims);
-    bus.run(10);
-    EXPECT_EQ(self.getClaimState(),
-              weaker ? CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT : CLAIM_STATE_SEND_REQUEST);
-    EXPECT_EQ(self.getAddressIndex(), 0);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + weaker);
-    if (weaker) {
+    std::vector<ClaimState> states;  // one update each
+    for (int i = 0; i < 3; ++i) {
         bus.run(10);
-        EXPECT_EQ(self.getClaimState(), CLAIM_STATE_CLAIMED);
-        EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
+        states.push_back(self.getClaimState());
     }
+    using States = std::vector<ClaimState>;
+    EXPECT_EQ(states, (weaker ? States{CLAIM_STATE_LOST_ADDRESS,
+                                       CLAIM_STATE_WAIT_FOR_RECLAIM_TRANSMIT, CLAIM_STATE_CLAIMED}
+                              : States{CLAIM_STATE_LOST_ADDRESS, CLAIM_STATE_SEND_REQUEST,
+                                       CLAIM_STATE_CONTENTION_WAIT}));
+    EXPECT_EQ(self.getAddressIndex(), 0);
     ASSERT_TRUE(bus.runUntilClaimed(self));
-    EXPECT_EQ(bus.framesWithPGN(0xEA00).size(), requests + !weaker);
+    const Texts won = {claimText(0x80, testNAME(100))};
+    EXPECT_EQ(bus.texts(), (weaker ? won : Texts{REQUEST_TEXT, claimText(0x81, testNAME(100))}));
     EXPECT_EQ(NM::getControlFunction(0, self.getAddress()), &self);
-    EXPECT_EQ(self.getAddress(), weaker ? 0x80 : 0x81);
     EXPECT_EQ(self.claimedCount, 2);
 }
 INSTANTIATE_TEST_SUITE_P(ByNAME, CanStackContest, ::testing::Bool());
 
-TEST_F(CanStackClaimOnBus, RequestChangeAddressByState) {
+// A preferred address is taken only before the first step; a change of address only when the
+// claim procedure is not under way and the address is free and valid.
+TEST_F(CanStackClaimOnBus, PreferredAndChangedAddressByState) {
     bus.claimFrom(0, 0x90, testNAME(1));
-    TestInternalControlFunction self(testNAME(100), 0, {0x80});
-    ASSERT_TRUE(bus.runUntil([&] { return self.getClaimState() == CLAIM_STATE_CLAIM_PERIOD; }));
-    EXPECT_FALSE(self.requestChangeAddress(0x85));
-    ASSERT_TRUE(bus.runUntilClaimed(self));
-
-    // The candidate itself: refused, yet the claim goes out again.
-    const size_t claims = bus.framesWithPGN(0xEE00).size();
-    EXPECT_FALSE(self.requestChangeAddress(0x80));
-    bus.run(10);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
-    EXPECT_FALSE(self.requestChangeAddress(0x90));
-    EXPECT_FALSE(self.requestChangeAddress(254));
-    EXPECT_EQ(
-        descriptionCount(OWNER, "Request Change Address Failed Invalid State Machine State", 1),
-        1u);
-    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Address Already In Use", 1),
-              1u);
-    EXPECT_EQ(descriptionCount(OWNER, "Request Change Address Failed Invalid Address", 2), 1u);
-
-    ASSERT_TRUE(self.requestChangeAddress(0x85));
-    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
-    EXPECT_EQ(self.getAddress(), 0x80);  // held until the new claim reaches the table
-    bus.run(10);
-    EXPECT_EQ(NM::getControlFunction(0, 0x85), &self);
-    EXPECT_EQ(NM::getControlFunction(0, 0x80), nullptr);
-}
-
-TEST(CanStackAddressClaim, PreferredAddressOnlyBeforeTheFirstStep) {
-    SimulatedBus bus;
     TestInternalControlFunction self(testNAME(100), 0, {0x80});
     EXPECT_TRUE(self.setPreferredAddress(0x70));
     EXPECT_EQ(self.getCandidateAddress(), 0x70);
@@ -217,22 +190,56 @@ TEST(CanStackAddressClaim, PreferredAddressOnlyBeforeTheFirstStep) {
     EXPECT_EQ(self.getCandidateAddress(), 254);
     bus.update();
     EXPECT_FALSE(self.setPreferredAddress(0x70));
-    EXPECT_EQ(descriptionCount(OWNER, "Setting Preferred Address Failed", 1), 1u);
     EXPECT_EQ(self.getCandidateAddress(), 0x80);
+    ASSERT_TRUE(bus.runUntil([&] { return self.getClaimState() == CLAIM_STATE_CLAIM_PERIOD; }));
+    EXPECT_FALSE(self.requestChangeAddress(0x85));
+    EXPECT_FALSE(self.requestChangeNAME(NAMEClass(testNAME(101))));
+    EXPECT_FALSE(self.repeatAddressClaim());
+    EXPECT_FALSE(self.requestAddressClaims());
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+
+    // The candidate itself: refused, yet the claim goes out again.
+    bus.frames.clear();
+    EXPECT_FALSE(self.requestChangeAddress(0x80));
+    bus.run(10);
+    EXPECT_EQ(bus.texts(), Texts{claimText(0x80, testNAME(100))});
+    EXPECT_FALSE(self.requestChangeAddress(0x90));
+    EXPECT_FALSE(self.requestChangeAddress(254));
+    EXPECT_EQ(descriptions(OWNER),
+              (Texts{"2 Request Change Address Failed Invalid Address",
+                     "1 Request Change Address Failed Address Already In Use",
+                     "1 Request Change NAME Failed Invalid State Machine State",
+                     "1 Request Change Address Failed Invalid State Machine State",
+                     "1 Setting Preferred Address Failed"}));
+
+    ASSERT_TRUE(self.requestChangeAddress(0x85));
+    EXPECT_EQ(self.getClaimState(), CLAIM_STATE_SELECT_ADDRESS);
+    EXPECT_EQ(self.getAddress(), 0x80);  // held until the new claim reaches the table
+    bus.run(10);
+    EXPECT_EQ(NM::getControlFunction(0, 0x85), &self);
+    EXPECT_EQ(NM::getControlFunction(0, 0x80), nullptr);
+    // A new NAME starts the claim over, under that NAME.
+    ASSERT_TRUE(bus.runUntil([&] { return self.getClaimState() == CLAIM_STATE_CLAIMED; }));
+    ASSERT_TRUE(self.requestChangeNAME(NAMEClass(testNAME(101))));
+    ASSERT_TRUE(bus.runUntilClaimed(self));
+    EXPECT_EQ(bus.texts().back(), claimText(0x85, testNAME(101)));
 }
 
 TEST_F(CanStackClaimed, RequestForAddressClaimAndForeignUseOfOurAddressAreAnswered) {
-    const size_t claims = bus.framesWithPGN(0xEE00).size();
+    bus.frames.clear();
     bus.receive(0, 0x18EA8033u, CLAIM_REQUEST);  // addressed to us
     EXPECT_TRUE(self.isClaimRequested());
     bus.run(10);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 1);
     EXPECT_FALSE(self.isClaimRequested());
     bus.receive(0, 0x18EAFFFEu, CLAIM_REQUEST);  // global, from the null address
     EXPECT_TRUE(self.isClaimRequested());
     bus.receive(0, 0x18EA3333u, CLAIM_REQUEST);  // for someone else
     bus.run(10);
-    EXPECT_EQ(bus.framesWithPGN(0xEE00).size(), claims + 2);
+    EXPECT_TRUE(self.repeatAddressClaim());
+    EXPECT_TRUE(self.requestAddressClaims());  // from our address, and claims again after it
+    bus.run(10);
+    const std::string claim = claimText(0x80, testNAME(100));
+    EXPECT_EQ(bus.texts(), (Texts{claim, claim, claim, "18EAFF80:00EE00", claim}));
     bus.receive(0, 0x18EAFF33u, {0x00, 0xEE});  // too short
     bus.receive(0, 0x18EAFFFEu, {0x00, 0xEE});  // too short too, and valid from the null address
     EXPECT_EQ(descriptionCount("Network Management", "Invalid Data Length in PGN Request", 1), 2u);

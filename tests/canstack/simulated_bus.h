@@ -1,18 +1,20 @@
 #ifndef TESTS_CANSTACK_SIMULATED_BUS_H
 #define TESTS_CANSTACK_SIMULATED_BUS_H
 
-// Simulated bus for stack tests: a fake clock behind Timestamp_ms, a transmit function that
-// records every frame and confirms it through transmitComplete (immediate frames at once, queued
-// ones on confirmPending or by the next update), and frames fed in through receiveMessage.
+// Simulated bus: a fake clock behind Timestamp_ms, a transmit function that records every frame
+// and confirms it (immediate frames at once, queued ones on confirmPending or by the next
+// update), and frames fed in through receiveMessage.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <memory>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "canstack/canmessage.h"
@@ -23,9 +25,11 @@
 #include "canstack/networkmanagementmemorypool.h"
 #include "canstack/networkmanagementstatistics.h"
 #include "canstack/networkmanagementutilities.h"
+#include "canstack/transportprotocol.h"
 
 using NM = NetworkManagementClass;
 using Bytes = std::vector<uint8_t>;
+using Texts = std::vector<std::string>;
 
 struct SentFrame {
     uint32_t identifier;  // 29 bits as written, addresses filled in
@@ -39,6 +43,18 @@ struct SentFrame {
     uint8_t pduSpecific() const { return static_cast<uint8_t>(identifier >> 8); }
     uint8_t priority() const { return static_cast<uint8_t>((identifier >> 26) & 7u); }
 };
+
+// "identifier:data" in hex: priority, PGN, both addresses and every byte in one string.
+inline std::string text(const SentFrame& frame) {
+    char buffer[12];
+    std::snprintf(buffer, sizeof(buffer), "%08X:", frame.identifier);
+    std::string out = buffer;
+    for (uint8_t byte : frame.data) {
+        std::snprintf(buffer, sizeof(buffer), "%02X", byte);
+        out += buffer;
+    }
+    return out;
+}
 
 class SimulatedBus {
 public:
@@ -76,10 +92,8 @@ public:
         runUntil([] { return false; }, duration);
     }
     void confirmPending() {
-        while (!pending.empty()) {
-            std::unique_ptr<CANTransmitMessageClass> message = std::move(pending.front());
-            pending.pop_front();
-            NM::transmitComplete(message.get(), confirmSuccess);
+        for (; !pending.empty(); pending.pop_front()) {
+            NM::transmitComplete(pending.front().get(), confirmSuccess);
         }
     }
 
@@ -98,12 +112,14 @@ public:
 
     std::vector<SentFrame> framesWithPGN(uint32_t pgn) const {
         std::vector<SentFrame> found;
-        for (const SentFrame& frame : frames) {
-            if (frame.pgn() == pgn) {
-                found.push_back(frame);
-            }
-        }
+        std::copy_if(frames.begin(), frames.end(), std::back_inserter(found),
+                     [pgn](const SentFrame& frame) { return frame.pgn() == pgn; });
         return found;
+    }
+    Texts texts() const {
+        Texts all;
+        std::transform(frames.begin(), frames.end(), std::back_inserter(all), text);
+        return all;
     }
 
     std::vector<SentFrame> frames;
@@ -158,21 +174,38 @@ public:
     int startCount = 0;
 };
 
-// Count of a description message by text content, after the pending ones are listed; a null
-// text or a negative severity matches any.
-inline uint32_t descriptionCount(const char* owner, const char* text, int severity = -1) {
+// Calls each(owner, text, severity, count) for every description message, pending ones listed
+// first; most severe first, each severity newest first.
+template <typename Each>
+void forEachDescription(Each each) {
     NetworkManagementStatisticsClass::updateDescriptionMessages();
-    uint32_t count = 0;
     const char* o = nullptr;
     const char* t = nullptr;
     uint8_t s = 0;
     uint32_t c = 0;
     for (uint32_t i = 0; NetworkManagementStatisticsClass::getDescriptionMessage(i, o, t, s, c);
          ++i) {
+        each(o, t, s, c);
+    }
+}
+// Count of a description message by text content; a null text or a negative severity matches any.
+inline uint32_t descriptionCount(const char* owner, const char* text, int severity = -1) {
+    uint32_t count = 0;
+    forEachDescription([&](const char* o, const char* t, uint8_t s, uint32_t c) {
         const bool same = text == nullptr || std::strcmp(t, text) == 0;
         count += std::strcmp(o, owner) == 0 && same && (severity < 0 || s == severity) ? c : 0;
-    }
+    });
     return count;
+}
+// Description messages of `owner` as "severity text", with " xN" when counted N > 1 times.
+inline Texts descriptions(const char* owner) {
+    Texts found;
+    forEachDescription([&](const char* o, const char* t, uint8_t s, uint32_t c) {
+        if (std::strcmp(o, owner) == 0) {
+            found.push_back(std::to_string(s) + " " + t + (c > 1 ? " x" + std::to_string(c) : ""));
+        }
+    });
+    return found;
 }
 
 // NAME with the given identity, self-configurable unless told otherwise.
@@ -252,6 +285,9 @@ protected:
         bus.claimFrom(0, OTHER, testNAME(3));
         bus.update();
         bus.frames.clear();
+    }
+    static uint32_t sessions() {
+        return TransportProtocolClass::TRANSPORT_PROTOCOL.getNumberActiveSessions();
     }
     SimulatedBus bus;
     TestInternalControlFunction self{testNAME(1), 0, {SELF}};

@@ -28,9 +28,6 @@ Bytes range(uint8_t first, uint8_t last) {
     std::iota(values.begin(), values.end(), first);
     return values;
 }
-uint32_t packetsFor(size_t size) {
-    return static_cast<uint32_t>((size - 1) / 7 + 1);
-}
 Bytes abortFrame(uint8_t reason, uint32_t pgn = PGN) {
     return cm(ABORT, reason, 0xFF, 0xFF, pgn);
 }
@@ -64,6 +61,9 @@ void transferCallback(CANCallbackClass* callback) {
     }
     auto* fragment = static_cast<CANFragmentCallbackClass*>(callback);
     ++fragmentRequests;
+    if (fragmentSource.empty()) {
+        return;  // sets nothing
+    }
     const uint32_t left = static_cast<uint32_t>(fragmentSource.size()) - fragment->getOffset();
     fragment->setFragmentData(fragmentSource.data() + fragment->getOffset(), std::min(9u, left));
 }
@@ -111,9 +111,6 @@ protected:
         }
         return found;
     }
-    uint32_t sessions() const {
-        return TransportProtocolClass::TRANSPORT_PROTOCOL.getNumberActiveSessions();
-    }
     uint32_t send(const Bytes* data, size_t length, uint8_t to = PEER, bool persistent = false) {
         return NM::sendParameterGroupNumber(to == 0xFF ? BROADCAST_PGN : PGN,
                                             data != nullptr ? data->data() : nullptr,
@@ -143,7 +140,7 @@ using TransportReceiveTest = TransportCaseTest<ReceiveCase>;
 TEST_P(TransportReceiveTest, PeerMessageIsReassembledPageByPage) {
     const ReceiveCase& c = GetParam();
     const Bytes message = pattern(c.size, 2);
-    const uint32_t total = packetsFor(c.size);
+    const uint32_t total = static_cast<uint32_t>((c.size - 1) / 7 + 1);
     Bytes rts = sized(RTS, c.size, PGN);
     rts[4] = c.perCts;
     fromPeer(rts);
@@ -157,9 +154,10 @@ TEST_P(TransportReceiveTest, PeerMessageIsReassembledPageByPage) {
             }
         },
         [] { return !delivered.empty(); });
-    Frames cts;  // each asks for a full page, the last one too
-    for (uint32_t next = 1; next <= total; next += c.perCts) {
-        cts.push_back(cm(CTS, c.perCts, static_cast<uint8_t>(next), 0xFF, PGN));
+    Frames cts;  // each asks for a full page, the last one too, and no more than the message
+    const uint8_t page = static_cast<uint8_t>(std::min<uint32_t>(c.perCts, total));
+    for (uint32_t next = 1; next <= total; next += page) {
+        cts.push_back(cm(CTS, page, static_cast<uint8_t>(next), 0xFF, PGN));
     }
     EXPECT_EQ(sent(CTS), cts);
     EXPECT_EQ(sent(EOM), (Frames{sized(EOM, c.size, PGN)}));
@@ -170,23 +168,24 @@ TEST_P(TransportReceiveTest, PeerMessageIsReassembledPageByPage) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, TransportReceiveTest,
                          ::testing::Values(ReceiveCase{"FivePacketsThreePerCts", 33, 3},
-                                           ReceiveCase{"Largest1785", 1785, 16}),
+                                           ReceiveCase{"Largest1785", 1785, 16},
+                                           ReceiveCase{"PageLargerThanTheMessage", 20, 9}),
                          caseName);
 
 // ---------------------------------------------------------------- ends of sessions
 
-// How a session opens, besides an RTS or a BAM from the peer.
+// A session opens by an RTS or a BAM of 300 bytes from the peer, or by 300 bytes sent to it
+// from a pool copy (SEND) or from the caller's (SEND_KEPT). The peer's frames come each followed
+// by four updates, or all in one update; frames sent from here are confirmed, never confirmed,
+// or aborts refused.
 constexpr uint8_t NONE = 0, SEND = 1, SEND_KEPT = 2;
-// How the peer's frames come (each followed by four updates, or all in one update), and what
-// becomes of frames sent from here: confirmed, never confirmed, or aborts refused.
 enum Outlet : uint8_t { CONFIRM, TOGETHER, NO_CONFIRM, REFUSE_ABORT };
 
 struct EndCase {
     const char* name;
-    uint8_t opening;      // RTS, BAM: 300 bytes from the peer; SEND: 300 bytes to it from a pool
-                          // copy, SEND_KEPT: from the caller's
-    Frames peer;          // then from the peer: control frames, or data packets by sequence alone
-    uint8_t destination;  // of the peer's frames
+    uint8_t opening;
+    Frames peer;  // control frames, or data packets by sequence alone
+    uint8_t destination;
     Outlet outlet;
     Bytes sequences;  // of the data packets sent from here
     uint32_t limit;   // ms of silence that end the session; 0: the peer's frames do
@@ -265,6 +264,7 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"SendTwentyPacketsInFlight", SEND, {ALL}, SELF, NO_CONFIRM, range(1, 20), 1500, {}, "Generic Timeout", 2, 0},
         // A pool copy moves its page on and cannot go back before it.
         EndCase{"SendRetryThirdTimeInARow", SEND_KEPT, {FIRST, FIRST, FIRST, FIRST}, SELF, CONFIRM, {1, 2, 3, 1, 2, 3, 1, 2, 3}, 0, {abortFrame(5)}, "CTS Retry Limit Exceeded", 0, 0},
+        EndCase{"SendRetryBeyondTheMessage", SEND, {FIRST, cm(CTS, 44, 1, 0xFF, PGN)}, SELF, CONFIRM, {1, 2, 3}, 0, {abortFrame(254)}, "CTS Packets to be sent invalid", 0, 0},
         EndCase{"SendRetryBeforeThePageStart", SEND, {FIRST, SECOND, FIRST}, SELF, CONFIRM, range(1, 6), 0, {abortFrame(5)}, "CTS Retry Limit Exceeded", 0, 0},
         // Frames refused at once.
         EndCase{"RtsToGlobal", NONE, {RTS30}, 0xFF, TOGETHER, {}, 0, {}, "RTS to Global", 0, 0},
@@ -276,15 +276,19 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"BamPointToPoint", NONE, {sized(BAM, 30, PGN)}, SELF, TOGETHER, {}, 0, {abortFrame(254)}, "BAM Point to Point", 0, 0},
         EndCase{"DataBeforeCts", NONE, {RTS30, {1}}, SELF, TOGETHER, {}, 0, {abortFrame(6)}, "Receive Data Not Ready for Data", 0, 0},
         EndCase{"BamAlreadyInSession", BAM, {sized(BAM, 40, 0xFEED)}, 0xFF, TOGETHER, {}, 0, {}, "BAM Already in Session", 0, 1},
-        EndCase{"RtsAlreadyInSession", RTS, {RTS30}, SELF, TOGETHER, {}, 0, {abortFrame(1)}, "RTS Already in Session", 0, 1},
+        EndCase{"RtsAlreadyInSession", RTS, {sized(RTS, 30, 0xEE00)}, SELF, TOGETHER, {}, 0, {abortFrame(1)}, "RTS Already in Session", 0, 1},
         EndCase{"UnknownEndsSessions", RTS, {UNKNOWN}, SELF, TOGETHER, {}, 0, {abortFrame(254, NO_PGN)}, "Invalid Command Multiplexor", 1, 0},
+        EndCase{"UnknownEndsSendSession", SEND, {UNKNOWN}, SELF, TOGETHER, {}, 0, {abortFrame(254, NO_PGN)}, "Invalid Command Multiplexor", 1, 0},
         EndCase{"PeerAbortsAnotherPgn", RTS, {abortFrame(3, 0xEE00)}, SELF, TOGETHER, {}, 0, {}, "Connection Abort Message Received", 2, 1},
         EndCase{"PeerAbortsReceive", RTS, {abortFrame(3)}, SELF, TOGETHER, {}, 0, {}, "Receive Session Aborted", 2, 0},
         EndCase{"PeerAbortsTransmit", SEND, {abortFrame(3)}, SELF, TOGETHER, {}, 0, {}, "Transmit Session Aborted", 2, 0},
         EndCase{"CtsPgnMismatch", SEND, {cm(CTS, 3, 1, 0xFF, 0xEE00)}, SELF, TOGETHER, {}, 0, {abortFrame(254)}, "CTS PGN Mismatch", 0, 0},
         EndCase{"CtsBeyondTheMessage", SEND, {cm(CTS, 44, 1, 0xFF, PGN)}, SELF, TOGETHER, {}, 0, {abortFrame(254)}, "CTS Packets to be sent invalid", 0, 0},
         EndCase{"CtsWhileSending", SEND, {ALL, ALL}, SELF, TOGETHER, {}, 0, {abortFrame(4)}, "CTS while in Data Transfer", 0, 0},
-        EndCase{"EomBeforeTheData", SEND, {sized(EOM, 300, PGN)}, SELF, TOGETHER, {}, 0, {abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0}),
+        EndCase{"EomBeforeTheData", SEND, {sized(EOM, 300, PGN)}, SELF, TOGETHER, {}, 0, {abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0},
+        EndCase{"EomWrongPacketCount", SEND, {ALL, cm(EOM, 44, 1, 42, PGN)}, SELF, CONFIRM, range(1, 43), 0, {abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0},
+        EndCase{"EomWrongPgn", SEND, {ALL, sized(EOM, 300, 0xEE00)}, SELF, CONFIRM, range(1, 43), 0, {abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0},
+        EndCase{"EomWrongSize", SEND, {ALL, sized(EOM, 299, PGN)}, SELF, CONFIRM, range(1, 43), 0, {abortFrame(254)}, "EOM Acknowledgement Invalid Contents", 0, 0}),
     // clang-format on
     caseName);
 
@@ -299,6 +303,9 @@ TEST_F(TransportTest, NoFreeSession) {
     bus.receive(0, frameIdentifier(6, 0xEC00, 0xFF, 0x4A), sized(BAM, 30, PGN));
     bus.update();
     EXPECT_EQ(sessions(), 10u);
+    const Bytes nine(9);
+    EXPECT_EQ(send(&nine, 9), 16u);
+    EXPECT_EQ(descriptionCount(OWNER, "Transmit No Available Sessions", 2), 1u);
     EXPECT_EQ(sent(ABORT), (Frames{abortFrame(2, NO_PGN)}));
     EXPECT_EQ(bus.framesWithPGN(0xEC00).back().pduSpecific(), 0x4A);
     EXPECT_EQ(descriptionCount(OWNER, "RTS No Sessions Available", 2), 1u);
@@ -321,7 +328,7 @@ using TransportSendTest = TransportCaseTest<SendCase>;
 TEST_P(TransportSendTest, PeerGetsEveryByteInOrderAndTheEomCompletes) {
     const SendCase& c = GetParam();
     const Bytes message = pattern(c.size, 9);
-    const uint32_t total = packetsFor(c.size);
+    const uint32_t total = static_cast<uint32_t>((c.size - 1) / 7 + 1);
     fragmentSource = message;
     resendFrom = &self;
     ASSERT_EQ(send(c.withData ? &message : nullptr, c.size, PEER, c.persistent), 0u);
@@ -387,16 +394,28 @@ TEST_F(TransportTest, BroadcastPacketsAre51MsApartAndNeedNoAnswer) {
 }
 
 TEST_F(TransportTest, TransmitsBeyondTheLimitsAreRefused) {
+    EXPECT_EQ(send(nullptr, 100), 20u);  // the fragment callback sets nothing: told at once
+    const Results failed = {{handle, false}};
+    EXPECT_EQ(send(nullptr, 100, PEER, true), 9u);
+    EXPECT_EQ(
+        NM::sendParameterGroupNumber(PGN, nullptr, 100, &self, NM::getControlFunction(0, PEER), 7,
+                                     false, nullptr, nullptr),
+        18u);
+    EXPECT_EQ(descriptions(OWNER),
+              (Texts{"2 Transmit Complete Callback NULL", "2 Transmit Data Pointer NULL",
+                     "2 Transmit Failed Next Data Page",
+                     "2 Invalid Transmit Complete Callback getNextDataPage"}));
     const Bytes message = pattern(1786);
     EXPECT_EQ(send(&message, 1786), 14u);
     ASSERT_EQ(send(&message, 1785, PEER), 0u);
     EXPECT_EQ(send(&message, 1785, PEER), 15u);
     ASSERT_EQ(send(&message, 1785, OTHER), 0u);
     EXPECT_EQ(send(&message, 1785, 0xFF), 17u);
-    EXPECT_EQ(descriptionCount(OWNER, "Transmit Memory Pool Failure", 2), 1u);
     EXPECT_EQ(send(nullptr, 1785, 0xFF), 17u);
-    EXPECT_EQ(descriptionCount(OWNER, "Transmit Request Memory Pool Failure", 2), 1u);
+    const Texts reported = descriptions(OWNER);  // newest first
+    EXPECT_EQ(Texts(reported.begin(), reported.end() - 4),
+              (Texts{"2 Transmit Request Memory Pool Failure", "2 Transmit Memory Pool Failure"}));
     EXPECT_EQ(sessions(), 2u);
     EXPECT_EQ(usedBlocks(), 36u);
-    EXPECT_TRUE(completions.empty());  // refused before it started: no completion
+    EXPECT_EQ(completions, failed);  // those refused before they started are not told
 }
