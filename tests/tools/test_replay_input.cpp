@@ -111,23 +111,32 @@ TEST(ReplayInput, FramesItCannotPlayAreSkippedWithOneWarningEach) {
 }
 
 // Logs given together play as if recorded together: by their timestamps, not one after the
-// other. The machine bus is the one whose engine speaks first; here in 256 frames of one time,
-// which fill a step of their own.
+// other. The machine bus is the one whose engine speaks first.
 TEST(ReplayInput, LogsAreMergedByTheirTimestamps) {
     ReplayRun run;
     clitest::writeFile(run.path("a.log"),
                        // The first frame played comes before the stack's first update.
                        "(1700000001.000000) can1 18FEFC80#FF64FFFFFFFFFFFF\n"
                        "(1700000001.100000) can2 0CF00400#F18A88781F00F0FF\n");
-    std::string b;
-    for (int i = 0; i < 256; ++i) {
-        b += "(1700000001.050000) can3 0CF00400#F18A88781F00F0FF\n";
-    }
-    clitest::writeFile(run.path("b.log"), b);
+    clitest::writeFile(run.path("b.log"), "(1700000001.050000) can3 0CF00400#F18A88781F00F0FF\n");
     ASSERT_EQ(run.run({run.path("a.log"), run.path("b.log")}), 0) << run.err;
     EXPECT_NE(run.out.find("Setting default CAN bus to: MACHINE_500K"), std::string::npos)
         << run.out;
     EXPECT_EQ(run.out.find("MACHINE_250K"), std::string::npos) << run.out;
+}
+
+// A log may stamp any number of frames with one time: 256 of them fill a step of their own,
+// and are played.
+TEST(ReplayInput, AFullStepIsPlayed) {
+    ReplayRun run;
+    std::string log;
+    for (int i = 0; i < 256; ++i) {
+        log += "(1700000001.050000) can3 0CF00400#F18A88781F00F0FF\n";
+    }
+    clitest::writeFile(run.path("step.log"), log);
+    ASSERT_EQ(run.run({run.path("step.log")}), 0) << run.err;
+    EXPECT_NE(run.out.find("Setting default CAN bus to: MACHINE_500K"), std::string::npos)
+        << run.out;
 }
 
 // A stop from outside before the last frame is no success; nor is a service that cannot
