@@ -6,21 +6,19 @@
 // as the real service would send it.
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <thrift/TApplicationException.h>
@@ -42,8 +40,7 @@ struct Reply {
     static Reply late(std::chrono::milliseconds by) { return {by, kAnswer, {}}; }
     static const Reply ApplicationError, DropConnection, BadVersion, HttpError, HalfAnswer, Reset;
 };
-// The client sees a TApplicationException.
-inline const Reply Reply::ApplicationError{{}, kFailure, {}};
+inline const Reply Reply::ApplicationError{{}, kFailure, {}};  // a TApplicationException
 inline const Reply Reply::DropConnection{{}, kBytes, ""};
 // Reads as a protocol version that does not exist.
 inline const Reply Reply::BadVersion{{}, kBytes, std::string("\x80\x02\x00\x01", 4)};
@@ -121,10 +118,7 @@ public:
         }
         lock.lock();
         wake_.wait(lock, [this] { return open_.empty(); });
-        if (listener_ >= 0) {
-            ::close(listener_);
-            listener_ = -1;
-        }
+        ::close(std::exchange(listener_, -1));
     }
 
 private:
@@ -133,7 +127,8 @@ private:
             pollfd p{listener_, POLLIN, 0};
             const int fd = ::poll(&p, 1, 10) > 0 ? ::accept(listener_, nullptr, nullptr) : -1;
             std::lock_guard<std::mutex> lock(mutex_);
-            const bool reset = !replies_.empty() && replies_.front().kind == Reply::kReset;
+            const bool reset =
+                fd >= 0 && !replies_.empty() && replies_.front().kind == Reply::kReset;
             if (fd >= 0 && !stopping_ && !reset) {
                 open_.insert(fd);
                 std::thread([this, fd] { serve(fd); }).detach();
@@ -141,9 +136,7 @@ private:
                 const linger abortive{1, 0};
                 ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
                 ::close(fd);
-                if (reset) {
-                    replies_.pop_front();
-                }
+                replies_.erase(replies_.begin(), replies_.begin() + (reset ? 1 : 0));
             }
             if (stopping_) {
                 return;
@@ -179,9 +172,7 @@ private:
             std::unique_lock<std::mutex> lock(mutex_);
             calls_.push_back(call);
             const Reply reply = replies_.empty() ? Reply{} : replies_.front();
-            if (!replies_.empty()) {
-                replies_.pop_front();
-            }
+            replies_.erase(replies_.begin(), replies_.begin() + (replies_.empty() ? 0 : 1));
             if (wake_.wait_for(lock, reply.delay, [this] { return stopping_; })) {
                 break;
             }

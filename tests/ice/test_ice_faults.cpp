@@ -36,7 +36,6 @@ namespace {
 // The service's 20 s timeouts and a 25 s late answer, scaled down by the same factor.
 constexpr milliseconds kTimeout{300};
 constexpr milliseconds kLate{kTimeout * 5 / 4};
-// What a loaded machine, a sanitizer or an emulator may add to a run.
 constexpr milliseconds kSlack{4000};  // sanitizers on a loaded two-core machine
 
 const std::string kFailure = "Failed to send telematics to ice: ";
@@ -132,10 +131,8 @@ TEST(IceFaults, TelematicsIceSinkKeepsItsRetryRule) {
 TEST(IceFaults, RunLoopKeepsItsPeriodWhileTheServiceStalls) {
     blockStopSignals();  // before any thread exists, so only the loop takes SIGTERM
     const milliseconds period{400};
-    const milliseconds timeout = kTimeout;
-    const Reply late = Reply::late(kLate);
     IceTestServer ice;
-    ice.queueReplies({late, late, late});
+    ice.queueReplies(std::vector<Reply>(3, Reply::late(kLate)));
     LogCapture capture("tilthwatch.telematicsicesink");
 
     std::mutex mutex;
@@ -145,7 +142,7 @@ TEST(IceFaults, RunLoopKeepsItsPeriodWhileTheServiceStalls) {
     config.periodMs = period.count();
     config.iceHost = "127.0.0.1";
     config.icePort = ice.port();
-    config.iceTimeoutMs = static_cast<int>(timeout.count());
+    config.iceTimeoutMs = static_cast<int>(kTimeout.count());
     config.zmqEndpoint = "tcp://127.0.0.1:" + std::to_string(icetest::freePort());
     config.machineFilePath = "/nonexistent/machine.json";
     config.detectedMachineFilePath = "/nonexistent/detectedMachine.json";
@@ -156,21 +153,19 @@ TEST(IceFaults, RunLoopKeepsItsPeriodWhileTheServiceStalls) {
     };
 
     std::thread loop([&] { runTelematicsLoop(config); });
-    const auto closed = [&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        return closes.size();
-    };
     const steady_clock::time_point deadline = steady_clock::now() + 10 * period + 3 * kSlack;
-    while (closed() < 4 && steady_clock::now() < deadline) {
+    for (std::size_t closed = 0; closed < 4 && steady_clock::now() < deadline;) {
         std::this_thread::sleep_for(milliseconds(5));
+        std::lock_guard<std::mutex> lock(mutex);
+        closed = closes.size();
     }
     ::kill(::getpid(), SIGTERM);
     loop.join();
 
     ASSERT_GE(closes.size(), 4u);  // three in the loop, one on the stop
     // The first pass waits out three timeouts before the next period starts.
-    EXPECT_GE(closes[1] - closes[0], period + 3 * timeout);
-    EXPECT_LT(closes[1] - closes[0], period + 3 * timeout + kSlack);
+    EXPECT_GE(closes[1] - closes[0], period + 3 * kTimeout);
+    EXPECT_LT(closes[1] - closes[0], period + 3 * kTimeout + kSlack);
     EXPECT_GE(closes[2] - closes[1], period);
     EXPECT_LT(closes[2] - closes[1], period + kSlack);
     // Every record reached the sinks after the Ice sink; the service took each of the first

@@ -58,12 +58,11 @@ bool eventually(Predicate done, milliseconds timeout) {
 }
 
 // The Ice receiver on a free loopback port, with `options`; sets the port it listens on.
-inline std::unique_ptr<clitest::Process> startReceiver(const std::vector<std::string>& options,
+inline std::unique_ptr<clitest::Process> startReceiver(std::vector<std::string> options,
                                                        int& port) {
-    std::vector<std::string> arguments = {TILTHWATCH_ICE_RECEIVER, "--host", "127.0.0.1", "--port",
-                                          "0"};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    auto receiver = std::make_unique<clitest::Process>(arguments);
+    options.insert(options.begin(),
+                   {TILTHWATCH_ICE_RECEIVER, "--host", "127.0.0.1", "--port", "0"});
+    auto receiver = std::make_unique<clitest::Process>(options);
     const std::string marker = "listening on 127.0.0.1:";
     EXPECT_TRUE(eventually([&] { return receiver->err().find(marker) != std::string::npos; },
                            milliseconds(10000)));
@@ -72,8 +71,8 @@ inline std::unique_ptr<clitest::Process> startReceiver(const std::vector<std::st
     return receiver;
 }
 
-// The receiver, subscribed to the replay's status publisher, and the replay run to its end.
-// Files live in a fresh folder.
+// The receiver, subscribed to the replay's status publisher, and the replay run to its end in
+// a fresh folder.
 class ReplayRun {
 public:
     ReplayRun() : receiver_(startReceiver({"--status", "ipc://" + path("status")}, port_)) {
@@ -83,8 +82,8 @@ public:
 
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-    // Runs the replay in the folder with `options` and the common ones it does not give; with
-    // `input`, its standard input comes from that file. Gives the exit status.
+    // Runs the replay in the folder with `options` and the common ones it does not give, its
+    // standard input from the file `input` if given; gives the exit status.
     int run(std::vector<std::string> options, const std::string& input = "") {
         const std::vector<std::string> common = {
             "--ice",           "127.0.0.1:" + std::to_string(port_),
@@ -102,7 +101,7 @@ public:
             command += " '" + word + "'";
         }
         clitest::Process replay(
-            {"/bin/sh", "-c", input.empty() ? command : command + " < '" + input + "'"});
+            {"/bin/sh", "-c", command + (input.empty() ? "" : " < '" + input + "'")});
         const int status = replay.wait(milliseconds(90000));
         out = replay.out();
         err = replay.err();

@@ -3,24 +3,19 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "replay/recordcountdown.h"
 
 namespace {
 
-struct Row {
-    std::uint64_t records;
-    // In order: 'c' a record starts to close, 'h' it has reached the last sink, 'p' the last
-    // frame has been through the stack.
-    std::string events;
-    int stopAt;  // index of the event on which the stop is asked for, -1 for never
-};
-
 TEST(RecordCountdown, StopsOnceTheRecordBeforeTheLastHasBeenHandedOver) {
-    const Row rows[] = {
+    // Records asked for; events in order: 'c' a record starts to close, 'h' it has reached the
+    // last sink, 'p' the last frame has been through the stack; the index of the event on
+    // which the stop is asked for, -1 for never.
+    const std::tuple<std::uint64_t, std::string, int> rows[] = {
         {1, "chp", 2},      // nothing in flight: the stop's record is the one
         {1, "p", 0},        // no record at all yet
         {1, "cph", 2},      // closing when played: that record does not count
@@ -29,21 +24,19 @@ TEST(RecordCountdown, StopsOnceTheRecordBeforeTheLastHasBeenHandedOver) {
         {3, "pchchch", 4},  // asked once only, though more records follow
         {1, "chch", -1},    // never played
     };
-    for (const Row& row : rows) {
+    for (const auto& [records, events, stopAt] : rows) {
+        SCOPED_TRACE(std::to_string(records) + " " + events);
         std::vector<int> stops;
         int index = 0;
-        replay::RecordCountdown countdown(row.records, [&] { stops.push_back(index); });
-        const std::map<char, void (replay::RecordCountdown::*)()> event = {
-            {'c', &replay::RecordCountdown::closing},
-            {'h', &replay::RecordCountdown::handedOver},
-            {'p', &replay::RecordCountdown::played}};
-        for (; index < static_cast<int>(row.events.size()); ++index) {
-            (countdown.*event.at(row.events[index]))();
+        replay::RecordCountdown countdown(records, [&] { stops.push_back(index); });
+        for (; index < static_cast<int>(events.size()); ++index) {
+            const char event = events[index];
+            event == 'c'   ? countdown.closing()
+            : event == 'h' ? countdown.handedOver()
+                           : countdown.played();
         }
-        const std::vector<int> expected =
-            row.stopAt < 0 ? std::vector<int>{} : std::vector<int>{row.stopAt};
-        EXPECT_EQ(stops, expected) << row.records << " " << row.events;
-        EXPECT_EQ(countdown.stopped(), row.stopAt >= 0) << row.records << " " << row.events;
+        EXPECT_EQ(stops, stopAt < 0 ? std::vector<int>{} : std::vector<int>{stopAt});
+        EXPECT_EQ(countdown.stopped(), stopAt >= 0);
     }
 }
 

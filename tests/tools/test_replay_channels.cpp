@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
@@ -24,8 +23,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-const std::vector<std::string> kNames = {"can2", "can3", "can1"};
-
 can_frame frame(canid_t id) {
     can_frame result{};
     result.can_id = id;
@@ -33,23 +30,40 @@ can_frame frame(canid_t id) {
     return result;
 }
 
-// Takes one record from a service end; its length, or -1 when none comes in time.
-ssize_t take(int end) {
+struct Rig {
+    // Every service end, as the service opens them by name, each once.
+    const std::vector<int>& open() {
+        auto opener = channels.opener();
+        for (const char* name : {"can2", "can3", "can1"}) {
+            service.push_back(opener(name));
+        }
+        EXPECT_EQ(opener("can2"), -1);
+        EXPECT_EQ(opener("can0"), -1);
+        return service;
+    }
+    ~Rig() {
+        for (int end : service) {
+            ::close(end);
+        }
+    }
+    replay::Stopper stopper;
+    replay::Channels channels{{"can2", "can3", "can1"}, stopper};
+    std::vector<int> service;
+};
+
+// The next `count` records on a service end: each frame's identifier, -1 for an empty record;
+// fewer when none comes within 5 s.
+std::vector<long> take(int end, std::size_t count) {
+    std::vector<long> taken;
     pollfd fd{end, POLLIN, 0};
     can_frame record{};
-    return ::poll(&fd, 1, 5000) == 1 ? ::recv(end, &record, sizeof record, MSG_DONTWAIT) : -1;
-}
-
-// Every service end, as the service opens them by name.
-std::vector<int> openAll(replay::Channels& channels) {
-    std::vector<int> ends;
-    auto open = channels.opener();
-    for (const std::string& name : kNames) {
-        ends.push_back(open(name));
+    while (taken.size() < count && ::poll(&fd, 1, 5000) == 1) {
+        const ssize_t got = ::recv(end, &record, sizeof record, MSG_DONTWAIT);
+        taken.push_back(got == sizeof record ? static_cast<long>(record.can_id)
+                        : got == 0           ? -1
+                                             : -2);
     }
-    EXPECT_EQ(open("can2"), -1);  // each end once
-    EXPECT_EQ(open("can0"), -1);
-    return ends;
+    return taken;
 }
 
 // A wait that must go on is given 50 ms.
@@ -57,42 +71,45 @@ bool returnsSoon(const std::future<bool>& wait, milliseconds within = millisecon
     return wait.wait_for(within) == std::future_status::ready;
 }
 
-TEST(ReplayChannels, DeliveredOnlyOnceTheServiceHasTakenAnEmptyRecordAfterTheFrames) {
-    replay::Stopper stopper;
-    replay::Channels channels(kNames, stopper);
-    const std::vector<int> service = openAll(channels);
-    ASSERT_TRUE(channels.write(0, frame(0x100)));
-    ASSERT_TRUE(channels.write(2, frame(0x102)));
+// A step's frames go out many to a system call; across the batches their order holds, and a
+// closed service end refuses them.
+TEST(ReplayChannels, DeliveredInOrderOnceTheServiceHasTakenAnEmptyRecordAfterTheFrames) {
+    Rig rig;
+    const std::vector<int> service = rig.open();
+    std::vector<can_frame> frames;
+    std::vector<long> ids;
+    for (canid_t id = 0; id < 130; ++id) {
+        frames.push_back(frame(id));
+        ids.push_back(id);
+    }
+    ASSERT_TRUE(rig.channels.write(0, frame(0x100)));
+    ASSERT_TRUE(rig.channels.write(2, frames.data(), frames.size()));
     std::future<bool> delivered =
-        std::async(std::launch::async, [&] { return channels.waitUntilDelivered(); });
+        std::async(std::launch::async, [&] { return rig.channels.waitUntilDelivered(); });
     EXPECT_FALSE(returnsSoon(delivered)) << "frames still in the sockets";
-
-    EXPECT_EQ(take(service[0]), static_cast<ssize_t>(sizeof(can_frame)));
-    EXPECT_EQ(take(service[2]), static_cast<ssize_t>(sizeof(can_frame)));
-    // Now on every channel an empty record follows, which the service reads only when it
-    // has handed on what it read before.
+    EXPECT_EQ(take(service[0], 1), std::vector<long>{0x100});
+    EXPECT_EQ(take(service[2], ids.size()), ids);
+    // Now an empty record follows on every channel, and nothing else.
     for (int end : service) {
         EXPECT_FALSE(returnsSoon(delivered)) << "an empty record not yet taken";
-        EXPECT_EQ(take(end), 0);
+        EXPECT_EQ(take(end, 1), std::vector<long>{-1});
     }
     ASSERT_TRUE(returnsSoon(delivered, milliseconds(5000)));
     EXPECT_TRUE(delivered.get());
-    for (int end : service) {
-        ::close(end);
-    }
+    ::close(std::exchange(rig.service[2], -1));
+    EXPECT_FALSE(rig.channels.write(2, frames.data(), 1));
 }
 
 TEST(ReplayChannels, AStopEndsTheWaits) {
-    replay::Stopper stopper;
-    replay::Channels channels(kNames, stopper);
-    ASSERT_TRUE(channels.write(1, frame(0x101)));
+    Rig rig;
+    ASSERT_TRUE(rig.channels.write(1, frame(0x101)));
     std::future<bool> opened =
-        std::async(std::launch::async, [&] { return channels.waitUntilOpened(); });
+        std::async(std::launch::async, [&] { return rig.channels.waitUntilOpened(); });
     std::future<bool> delivered =
-        std::async(std::launch::async, [&] { return channels.waitUntilDelivered(); });
+        std::async(std::launch::async, [&] { return rig.channels.waitUntilDelivered(); });
     EXPECT_FALSE(returnsSoon(opened));
     EXPECT_FALSE(returnsSoon(delivered));
-    stopper.stop();
+    rig.stopper.stop();
     ASSERT_TRUE(returnsSoon(delivered, milliseconds(5000)));
     EXPECT_FALSE(delivered.get());
     EXPECT_FALSE(opened.get());
@@ -100,12 +117,11 @@ TEST(ReplayChannels, AStopEndsTheWaits) {
 
 // What the service writes is read with its channel, until the service has closed every end.
 TEST(ReplayChannels, SentFramesAreReadUntilTheServiceClosesItsEnds) {
-    replay::Stopper stopper;
-    replay::Channels channels(kNames, stopper);
-    const std::vector<int> service = openAll(channels);
+    Rig rig;
+    const std::vector<int> service = rig.open();
     std::vector<std::pair<int, canid_t>> sent;
     std::thread reading([&] {
-        channels.readSent(
+        rig.channels.readSent(
             [&](int channel, const can_frame& f) { sent.emplace_back(channel, f.can_id); });
     });
     const std::pair<int, canid_t> written[] = {{1, 0x18EEFF25}, {0, 0x18EAFF25}, {0, 0x18EEFF25}};
@@ -113,8 +129,8 @@ TEST(ReplayChannels, SentFramesAreReadUntilTheServiceClosesItsEnds) {
         const can_frame f = frame(w.second);
         ASSERT_EQ(::write(service[w.first], &f, sizeof f), static_cast<ssize_t>(sizeof f));
     }
-    for (int end : service) {
-        ::close(end);
+    for (int& end : rig.service) {
+        ::close(std::exchange(end, -1));
     }
     reading.join();  // ends by itself
     std::sort(sent.begin(), sent.end());
@@ -123,28 +139,3 @@ TEST(ReplayChannels, SentFramesAreReadUntilTheServiceClosesItsEnds) {
 }
 
 }  // namespace
-
-// A step's frames go out many to a system call; across the batches their order holds, and a
-// closed service end refuses them.
-TEST(ReplayChannels, ABatchArrivesWholeAndInOrder) {
-    replay::Stopper stopper;
-    replay::Channels channels(kNames, stopper);
-    const std::vector<int> service = openAll(channels);
-    std::vector<can_frame> frames;
-    for (canid_t id = 0; id < 130; ++id) {
-        frames.push_back(frame(id));
-    }
-    ASSERT_TRUE(channels.write(1, frames.data(), frames.size()));
-    for (canid_t id = 0; id < 130; ++id) {
-        can_frame got{};
-        ASSERT_EQ(::recv(service[1], &got, sizeof got, MSG_DONTWAIT),
-                  static_cast<ssize_t>(sizeof got));
-        ASSERT_EQ(got.can_id, id);
-    }
-    can_frame more{};
-    EXPECT_EQ(::recv(service[1], &more, sizeof more, MSG_DONTWAIT), -1) << "nothing more";
-    ::close(service[1]);
-    EXPECT_FALSE(channels.write(1, frames.data(), 1));
-    ::close(service[0]);
-    ::close(service[2]);
-}

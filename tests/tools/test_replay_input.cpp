@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include <zmq.hpp>
 
@@ -124,6 +123,20 @@ TEST(ReplayInput, LogsAreMergedByTheirTimestamps) {
     EXPECT_NE(run.out.find("Setting default CAN bus to: MACHINE_500K"), std::string::npos)
         << run.out;
     EXPECT_EQ(run.out.find("MACHINE_250K"), std::string::npos) << run.out;
+}
+
+// A log may stamp any number of frames with one time: 256 of them fill a step of their own,
+// and are played.
+TEST(ReplayInput, AFullStepIsPlayed) {
+    ReplayRun run;
+    std::string log;
+    for (int i = 0; i < 256; ++i) {
+        log += "(1700000001.050000) can3 0CF00400#F18A88781F00F0FF\n";
+    }
+    clitest::writeFile(run.path("step.log"), log);
+    ASSERT_EQ(run.run({run.path("step.log")}), 0) << run.err;
+    EXPECT_NE(run.out.find("Setting default CAN bus to: MACHINE_500K"), std::string::npos)
+        << run.out;
 }
 
 // A stop from outside before the last frame is no success; nor is a service that cannot

@@ -1,20 +1,14 @@
-// Each sample through the replay tool and the Ice receiver, checked against what its frames
-// say. With a period longer than any sample, the one record is the one the stop closes, and it
-// covers the whole drive: every decoded frame is in it.
-//
-// The samples are built so that each signal has one frame at its highest and one at its
-// lowest value, both after identification has ended, and a steady last value: so the record's
-// min, max and cur are those frames' values, read here from the raw bytes in the log (values
-// of two bytes are little-endian: B01D is 0x1DB0). Each log ends with a frame whose engine
-// hours have just ticked: it is in the record only if the replay delivered its last frame.
+// Each sample through the replay tool and the Ice receiver. With a period longer than any
+// sample, the one record is the one the stop closes, and it covers the whole drive. In each
+// sample every signal has one frame at its highest and one at its lowest value after
+// identification, and a steady last value, so the record's min, max and cur are those frames'
+// raw values scaled. Each log ends with a frame whose engine hours have just ticked: it is in
+// the record only if the replay delivered its last frame.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <map>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -52,22 +46,23 @@ const Scale kScales[] = {
 };
 
 struct Sample {
-    struct {
-        const char* log;
-        const char* machineFile;  // from samples/, or nullptr
-        bool fromStandardInput;
-        bool patriot;
-    } play;
-    // The body up to the engine values: what identification found.
-    std::string identification;
+    const char* name;
+    const char* log;
+    const char* machineFile;  // from samples/, or nullptr
+    bool fromStandardInput;
+    bool patriot;
+    std::string identification;  // the body up to the engine values
     std::vector<std::string> logLines;
-    // For each signal above, in hex: the raw value of its lowest, its highest and its last.
-    std::string raw;
+    std::string raw;  // for each signal above, in hex: its lowest, its highest and its last
 };
 
 const Sample kSamples[] = {
     // Engine NAME 0x0C4D2 | 213 << 21 ...: manufacturer 213, Case. 18FF1227 byte 5: 0x14.
-    {{"case-patriot-can3.log", nullptr, false, true},
+    {"casepatriotcan3log",
+     "case-patriot-can3.log",
+     nullptr,
+     false,
+     true,
      R"({"detected":{"manufacturer":"CaseIH","model":"Patriot 2250 T4B"},"manufacturerCode":"213",)",
      {"Setting default CAN bus to: MACHINE_500K",
       "from ECU with manufacturer code 213",  // 0xF004 or 0xFEF2, whichever comes first
@@ -79,7 +74,11 @@ const Sample kSamples[] = {
      "1DB0 4650 1F40  02 55 0A  7D CB 85  28 33E 78  78 81 7D  41 73 4E  2DD0 2F28 2EA0 "
      "2AA0 2BF0 2B80  AF B7 B2  4D4 4D5 4D5  6C 73 6F"},
     // Engine NAME with manufacturer 102; the identification text of 18ECFF00 and 18EBFF00.
-    {{"agco-bam-can2.log", nullptr, false, false},
+    {"agcobamcan2log",
+     "agco-bam-can2.log",
+     nullptr,
+     false,
+     false,
      R"({"detected":{"manufacturer":"AGCO","model":"AGCO*W8730*AGCM8730VHS100123*K*"},)"
      R"("manufacturerCode":"102",)",
      {"Setting default CAN bus to: MACHINE_250K", "Requesting VIN from Agco machine",
@@ -90,7 +89,11 @@ const Sample kSamples[] = {
      "2B00 2C20 2BC0  91 99 94  153F8 153F9 153F9  B6 BF B9"},
     // No address claim on the bus; the user chose New Holland. 18FF1200 byte 5: 0x1D, and
     // the standard groups for hours and fuel level, not 18FF1200.
-    {{"engine-without-name-can2.log", "engine-without-name.machine.json", false, false},
+    {"enginewithoutnamecan2log",
+     "engine-without-name-can2.log",
+     "engine-without-name.machine.json",
+     false,
+     false,
      R"({"detected":{"manufacturer":"New Holland","model":"SP 2500 NH T3, NH"},)"
      R"("userSelected":{"manufacturer":"New Holland","model":"SP.275F"},)",
      {"Message is from noncompliant ECU", "The user-selected manufacturer is \"New Holland\"",
@@ -99,7 +102,11 @@ const Sample kSamples[] = {
      "1A90 3CF0 1C20  04 58 0C  80 CD 87  32 2BC 6E  76 7F 7B  3E 6C 4A  2DA0 2EC0 2E60 "
      "2A80 2BA0 2B40  73 7B 76  F17A F17B F17B  6E 6E 6E"},
     // Engine NAME with manufacturer 10: the generic reader, no model.
-    {{"cummins-can3.log", nullptr, true, false},
+    {"cumminscan3log",
+     "cummins-can3.log",
+     nullptr,
+     true,
+     false,
      R"({"detected":{"manufacturer":"Cummins"},"manufacturerCode":"10",)",
      {"Setting default CAN bus to: MACHINE_500K",
       "State machine transitioning to GenericCanPropertyReader"},
@@ -108,7 +115,7 @@ const Sample kSamples[] = {
 };
 
 void PrintTo(const Sample& sample, std::ostream* out) {
-    *out << sample.play.log;
+    *out << sample.log;
 }
 
 class ReplaySample : public ::testing::TestWithParam<Sample> {};
@@ -120,13 +127,13 @@ TEST_P(ReplaySample, RecordHoldsWhatTheFramesSay) {
     const Sample& sample = GetParam();
     ReplayRun run;
     std::vector<std::string> options = {"--serial", "10042", "--transmitted", run.path("sent.log")};
-    if (sample.play.machineFile != nullptr) {
+    if (sample.machineFile != nullptr) {
         options.insert(options.end(),
-                       {"--machine-file", tooltest::kSamples + "/" + sample.play.machineFile});
+                       {"--machine-file", tooltest::kSamples + "/" + sample.machineFile});
     }
-    const std::string log = tooltest::kSamples + "/" + sample.play.log;
-    options.push_back(sample.play.fromStandardInput ? "-" : log);
-    ASSERT_EQ(run.run(options, sample.play.fromStandardInput ? log : ""), 0) << run.err;
+    const std::string log = tooltest::kSamples + "/" + sample.log;
+    options.push_back(sample.fromStandardInput ? "-" : log);
+    ASSERT_EQ(run.run(options, sample.fromStandardInput ? log : ""), 0) << run.err;
 
     for (const std::string& line : sample.logLines) {
         EXPECT_NE(run.out.find(line), std::string::npos) << line;
@@ -146,39 +153,31 @@ TEST_P(ReplaySample, RecordHoldsWhatTheFramesSay) {
         SCOPED_TRACE(scale.key);
         int low = 0, high = 0, last = 0;
         ASSERT_TRUE(raw >> std::hex >> low >> high >> last);
-        const double min = scale.value(low, sample.play.patriot);
-        const double max = scale.value(high, sample.play.patriot);
+        const double min = scale.value(low, sample.patriot);
+        const double max = scale.value(high, sample.patriot);
         const Tree& values = engine.get_child(scale.key);
         EXPECT_DOUBLE_EQ(values.get<double>("min"), min);
         EXPECT_DOUBLE_EQ(values.get<double>("max"), max);
-        EXPECT_DOUBLE_EQ(values.get<double>("cur"), scale.value(last, sample.play.patriot));
+        EXPECT_DOUBLE_EQ(values.get<double>("cur"), scale.value(last, sample.patriot));
         // A mean weighted by time: between the extremes, up to rounding.
         EXPECT_GE(values.get<double>("avg"), min - 1e-9 * std::fabs(max));
         EXPECT_LE(values.get<double>("avg"), max + 1e-9 * std::fabs(max));
     }
 
-    std::map<std::string, std::vector<std::string>> sent;
+    std::map<std::string, std::vector<std::string>> sent;  // the first two frames on each bus
     for (const std::string& line : tooltest::lines(clitest::readFile(run.path("sent.log")))) {
         replay::LogFrame frame;
         ASSERT_EQ(replay::parseLine(line, frame), "") << line;
-        sent[frame.interface].push_back(line.substr(line.rfind(' ') + 1));
+        if (sent[frame.interface].size() < 2) {
+            sent[frame.interface].push_back(line.substr(line.rfind(' ') + 1));
+        }
     }
-    EXPECT_EQ(sent.count("can1"), 0u);
-    for (const char* bus : {"can2", "can3"}) {
-        ASSERT_GE(sent[bus].size(), 2u) << bus;
-        EXPECT_EQ(sent[bus][0], "18EAFFFE#00EE00") << bus;
-        EXPECT_EQ(sent[bus][1], "18EEFF25#3A27E012001C00A0") << bus;
-    }
+    const std::vector<std::string> first = {"18EAFFFE#00EE00", "18EEFF25#3A27E012001C00A0"};
+    EXPECT_EQ(sent, (decltype(sent){{"can2", first}, {"can3", first}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Samples, ReplaySample, ::testing::ValuesIn(kSamples),
-                         [](const ::testing::TestParamInfo<Sample>& info) {
-                             std::string name = info.param.play.log;
-                             name.erase(std::remove_if(name.begin(), name.end(),
-                                                       [](char c) { return !std::isalnum(c); }),
-                                        name.end());
-                             return name;
-                         });
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // With a short period, records go out while the drive plays; after its last frame two more
 // periods pass and the stop closes the third record: all three carry only what the
