@@ -29,14 +29,11 @@ namespace fs = boost::filesystem;
 using Groups = std::set<std::uint32_t>;
 using Bytes = std::vector<std::uint8_t>;
 using Texts = std::vector<std::string>;
-constexpr Bus kBus0 = Bus::MACHINE_250K;
-constexpr Bus kBus1 = Bus::MACHINE_500K;
-constexpr Bus kProduct = Bus::PRODUCT_250K;
+using Requests = std::vector<std::pair<std::uint32_t, Bus>>;
+constexpr Bus kBus0 = Bus::MACHINE_250K, kBus1 = Bus::MACHINE_500K, kProduct = Bus::PRODUCT_250K;
 const Bytes kZeros(8, 0);
-const char* const kCaseModel = "CaseModelDetector";
-const char* const kAgcoModel = "AgcoModelDetector";
-const char* const kGeneric = "GenericCanPropertyReader";
-const std::string kNothingDetected = "{\n    \"detectedManufacturer\": \"\"\n}\n";
+const char *const kCaseModel = "CaseModelDetector", *const kAgcoModel = "AgcoModelDetector",
+                  *const kGeneric = "GenericCanPropertyReader";
 const std::string kWriteError = "ERROR Error writing to detected machine file: ";
 
 // A received group as the service hands it over; a code below 0 is a sender without NAME.
@@ -50,8 +47,8 @@ struct FakePgnMessage : PgnMessage {
     int code;
 };
 
-// In-memory CAN service. Touching a filter with no bus chosen is undefined in the real
-// service, so it counts as a misuse here.
+// In-memory CAN service. Touching a filter with no bus chosen is undefined in the real service, so
+// it counts as a misuse here.
 struct FakeCanInterface : CanInterface {
     bool sendPgnRequest(std::uint32_t pgn, Bus bus) override {
         requests.emplace_back(pgn, bus);
@@ -98,10 +95,7 @@ struct FakeCanInterface : CanInterface {
     // One expiry of the periodic timer; false when none is installed.
     bool tick() {
         PeriodicCallback callback = periodic;
-        if (callback) {
-            callback();
-        }
-        return static_cast<bool>(callback);
+        return callback && (callback(), true);
     }
     Groups filtersOn(Bus bus) const {
         Groups result;
@@ -114,7 +108,7 @@ struct FakeCanInterface : CanInterface {
     }
 
     std::map<std::pair<Bus, std::uint32_t>, PgnCallback> filters;
-    std::vector<std::pair<std::uint32_t, Bus>> requests;
+    Requests requests;
     PeriodicCallback periodic;
     std::int64_t periodicIntervalUs = 0;
     std::set<Bus> claimed;
@@ -183,11 +177,14 @@ std::string transition(const std::string& state) {
     return "INFO State machine transitioning to " + state;
 }
 
+std::string detectedJson(const std::string& manufacturer) {
+    return "{\n    \"detectedManufacturer\": \"" + manufacturer + "\"\n}\n";
+}
+
 // The standard groups every reader keeps on the default bus.
 Groups standardGroups(Groups extra = {}) {
-    Groups groups = {0xF004, 0xF003, 0xFEF2, 0xFEEE, 0xFEEF, 0xFEF8, 0xFE56, 0xFEE5, 0xFEFC};
-    groups.insert(extra.begin(), extra.end());
-    return groups;
+    extra.insert({0xF004, 0xF003, 0xFEF2, 0xFEEE, 0xFEEF, 0xFEF8, 0xFE56, 0xFEE5, 0xFEFC});
+    return extra;
 }
 
 TEST(StateMachine, SwitchesOnlyToListedStatesAndStopsCleanly) {
@@ -214,15 +211,12 @@ TEST(StateMachine, SwitchesOnlyToListedStatesAndStopsCleanly) {
 TEST(MachineBusDetector, ListensOnBothMachineBusesUntilTheFirstEngineFrame) {
     const Groups engine = {0xF004, 0xFEF2};
     const struct {
-        Bus bus;
+        Bus bus, other;
         std::uint32_t pgn;
         const char* name;
-    } rows[] = {
-        // clang-format off
-        {kBus0, 0xF004, "MACHINE_250K"}, {kBus1, 0xFEF2, "MACHINE_500K"},
-        {kBus1, 0xF004, "MACHINE_500K"},
-        // clang-format on
-    };
+    } rows[] = {{kBus0, kBus1, 0xF004, "MACHINE_250K"},
+                {kBus1, kBus0, 0xFEF2, "MACHINE_500K"},
+                {kBus1, kBus0, 0xF004, "MACHINE_500K"}};
     for (const auto& row : rows) {
         Rig rig;
         rig.machine->onStart(rig.can);
@@ -230,16 +224,13 @@ TEST(MachineBusDetector, ListensOnBothMachineBusesUntilTheFirstEngineFrame) {
         EXPECT_EQ(rig.can->filtersOn(kBus1), engine);
         EXPECT_EQ(rig.can->filters.size(), 4u);  // nothing on the product bus
         EXPECT_EQ(rig.can->defaultBus(), Bus::NONE);
-
         EXPECT_TRUE(rig.can->deliver(row.bus, row.pgn, kZeros));
         EXPECT_EQ(rig.can->defaultBus(), row.bus);
         EXPECT_EQ(rig.current(), "ManufacturerDetector");
         EXPECT_EQ(rig.log.lines().at(2),
                   std::string("INFO Setting default CAN bus to: ") + row.name);
         // Later frames on the other bus reach nothing.
-        const Bus other = row.bus == kBus0 ? kBus1 : kBus0;
-        EXPECT_FALSE(rig.can->deliver(other, 0xF004, kZeros));
-        EXPECT_FALSE(rig.can->deliver(other, 0xFEF2, kZeros));
+        EXPECT_EQ(rig.can->filtersOn(row.other), Groups{});
         EXPECT_EQ(rig.can->filtersOn(row.bus), engine);
     }
 }
@@ -281,11 +272,10 @@ TEST(ManufacturerDetector, SenderChoosesNextStateAndIsRecorded) {
         Texts expected = {"INFO Address Claiming and Registration has finished",
                           "INFO Received pgn message 0x" +
                               std::string(compliant ? "fef2" : "f004") +
-                              " from ECU with manufacturer code " + std::to_string(row.code)};
-        if (compliant) {
-            expected.push_back("INFO Message came from ISO complient ECU");
-        } else {
-            expected.push_back("INFO Message is from noncompliant ECU");
+                              " from ECU with manufacturer code " + std::to_string(row.code),
+                          compliant ? "INFO Message came from ISO complient ECU"
+                                    : "INFO Message is from noncompliant ECU"};
+        if (!compliant) {
             expected.push_back("INFO The user-selected manufacturer is \"" + row.user + "\"");
         }
         if (!compliant && row.channelOne == caseOnOne) {
@@ -301,67 +291,56 @@ TEST(ManufacturerDetector, SenderChoosesNextStateAndIsRecorded) {
         EXPECT_EQ(values(rig.properties->manufacturer), row.manufacturer);
         EXPECT_EQ(values(rig.properties->manufacturerCode),
                   compliant ? std::vector<int>{row.code} : std::vector<int>{});
-        const std::string detected = row.manufacturer.empty() ? "" : row.manufacturer.back();
         EXPECT_EQ(rig.detectedFileText(),
-                  "{\n    \"detectedManufacturer\": \"" + detected + "\"\n}\n");
+                  detectedJson(row.manufacturer.empty() ? "" : row.manufacturer.back()));
     }
 }
 
-TEST(ManufacturerDetector, UserSelectionIsTextAndCountsOnlyUntilFlushed) {
-    Rig rig("{\"manufacturer\": \"CaseIH\", \"model\": 7040}");
-    rig.toManufacturerDetector();
-    EXPECT_EQ(values(rig.properties->userSelected_model), Texts{"7040"});
-    rig.properties->userSelected_manufacturer.swapBuffers();
-    rig.can->deliver(kBus0, 0xF004, kZeros);
-    EXPECT_EQ(rig.current(), kGeneric);
-
+// The user's file is read once per key, both as text, bounded in size and nesting; a bad one is
+// logged for both keys and ignored. A selection counts only until it is flushed. A detected file
+// that cannot be written is logged after the transition.
+TEST(ManufacturerDetector, UserFileIsReadBoundedAndBadOnesAreLoggedForBothKeys) {
     // Brackets in a text are no nesting, however many; an escaped quote ends no text. Nesting
     // itself is read up to 64 levels deep.
     const std::string text = "\"" + std::string(100, '[');
-    Rig brackets("{\"model\": \"\\" + text + "\", \"x\": " + std::string(63, '[') +
-                 std::string(63, ']') + "}");
-    brackets.toManufacturerDetector();
-    EXPECT_EQ(values(brackets.properties->userSelected_model), Texts{text});
-}
-
-TEST(ManufacturerDetector, BadUserFileIsLoggedForBothKeysAndIgnored) {
     const struct {
         std::string content;
-        std::string details;  // after the path; empty: not compared
+        const char* details;  // after the path; nullptr: no error, "": not compared
+        Texts model;
     } rows[] = {
-        {"", ""},
-        {"{\"manufacturer\": ", ""},
-        {"[1, 2", ""},
+        // clang-format off
+        {"{\"manufacturer\": \"CaseIH\", \"model\": 7040}", nullptr, {"7040"}},
+        {"{\"model\": \"\\" + text + "\", \"x\": " + std::string(63, '[') + std::string(63, ']') + "}",
+         nullptr, {text}},
+        {"", "", {}}, {"{\"manufacturer\": ", "", {}}, {"[1, 2", "", {}},
         // Nesting that would exhaust the stack, in a file small enough to be read.
-        {std::string(60000, '['), ": nested deeper than 64 levels"},
+        {std::string(60000, '['), ": nested deeper than 64 levels", {}},
         {"{\"manufacturer\": \"CaseIH\", \"x\": \"" + std::string(65536, 'x') + "\"}",
-         ": file larger than 65536 bytes"},
+         ": file larger than 65536 bytes", {}},
+        // clang-format on
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.content.substr(0, 20));
         Rig rig(row.content);
+        std::ofstream(rig.dir / "telematics") << "a file where the folder should be";
         rig.toManufacturerDetector();
+        EXPECT_EQ(values(rig.properties->userSelected_model), row.model);
+        const Texts lines = rig.log.lines();
+        ASSERT_EQ(lines.size(), row.details ? 6u : 4u);
         const std::string line = "ERROR Error reading " + rig.userFile +
                                  "cannot find user selected manufacturer. Details: ";
-        const Texts lines = rig.log.lines();
-        ASSERT_EQ(lines.size(), 6u);
-        for (int i : {4, 5}) {  // after the two transitions and the bus choice
-            EXPECT_TRUE(logtest::startsWith(lines[i], line)) << row.content.substr(0, 20);
-            if (!row.details.empty()) {
-                EXPECT_EQ(lines[i], line + rig.userFile + row.details);
-            }
+        for (std::size_t i = 4; i < lines.size(); ++i) {  // after the transitions and bus choice
+            EXPECT_EQ(*row.details ? lines[i] : lines[i].substr(0, line.size()),
+                      line + (*row.details ? rig.userFile + row.details : ""));
         }
-        EXPECT_TRUE(rig.properties->userSelected_manufacturer.unflushedSamples().empty());
-        EXPECT_EQ(rig.current(), "ManufacturerDetector");
+        rig.properties->userSelected_manufacturer.swapBuffers();
+        rig.log.clear();
+        rig.can->deliver(kBus0, 0xF004, kZeros);
+        EXPECT_EQ(rig.current(), kGeneric);
+        ASSERT_EQ(rig.log.lines().size(), 6u);
+        EXPECT_EQ(rig.log.lines()[4], transition(kGeneric));
+        EXPECT_TRUE(logtest::startsWith(rig.log.lines()[5], kWriteError)) << rig.log.lines()[5];
     }
-}
-
-TEST(ManufacturerDetector, UnwritableFileIsLoggedAfterTheTransition) {
-    Rig rig;
-    std::ofstream(rig.dir / "telematics") << "a file where the folder should be";
-    rig.toManufacturerDetector();
-    rig.can->deliver(kBus0, 0xF004, kZeros, 213);
-    EXPECT_EQ(rig.current(), kCaseModel);
-    EXPECT_TRUE(logtest::startsWith(rig.log.lines().back(), kWriteError));
 }
 
 // The immutable flag stops root too; false where the file system has none.
@@ -377,8 +356,8 @@ bool setImmutable(const fs::path& file, bool immutable) {
     return done;
 }
 
-// Until the address is claimed no sender counts, but every frame rewrites the file: through a
-// link, by a rename next to the target, keeping the target's mode.
+// Until the address is claimed no sender counts, but every frame rewrites the file: through a link,
+// by a rename next to the target, keeping the target's mode.
 TEST(ManufacturerDetector, WaitsForAddressClaimButWritesFileEveryFrame) {
     Rig rig;
     const fs::path target = rig.dir / "data" / "detectedMachine.json";
@@ -403,7 +382,7 @@ TEST(ManufacturerDetector, WaitsForAddressClaimButWritesFileEveryFrame) {
     EXPECT_TRUE(rig.log.lines().empty());
     EXPECT_EQ(rig.current(), "ManufacturerDetector");
     EXPECT_TRUE(fs::is_symlink(rig.detectedFile));
-    EXPECT_EQ(rig.detectedFileText(), kNothingDetected);
+    EXPECT_EQ(rig.detectedFileText(), detectedJson(""));
     EXPECT_EQ(fs::status(target).permissions(), fs::owner_read | fs::owner_write | fs::group_read);
     EXPECT_EQ(std::distance(fs::directory_iterator(target.parent_path()), fs::directory_iterator()),
               1);
@@ -416,39 +395,16 @@ TEST(ManufacturerDetector, WaitsForAddressClaimButWritesFileEveryFrame) {
     rig.can->deliver(kBus1, 0xF004, kZeros);
     EXPECT_TRUE(setImmutable(target, false));
     EXPECT_EQ(rig.log.lines(), Texts{kWriteError + rig.detectedFile + ": cannot open file"});
-    EXPECT_EQ(rig.detectedFileText(), kNothingDetected);
+    EXPECT_EQ(rig.detectedFileText(), detectedJson(""));
 }
 
-// Both detectors ask once a second on the default bus, at INFO, until an answer ends them.
-TEST(ModelDetectors, RequestEverySecondOnTheDefaultBus) {
-    const struct {
-        int code;
-        std::uint32_t pgn;
-        const char* line;
-    } rows[] = {{213, 0xFF7A, "INFO Requesting VIN from Case machine"},
-                {102, 0xFEEC, "INFO Requesting VIN from Agco machine"}};
-    for (const auto& row : rows) {
-        Rig rig;
-        rig.identify(row.code, kBus1);
-        EXPECT_EQ(rig.can->periodicIntervalUs, 1000000) << row.code;
-        rig.can->tick();
-        rig.can->tick();
-        EXPECT_EQ(rig.can->requests, decltype(rig.can->requests)(2, {row.pgn, kBus1}));
-        EXPECT_EQ(rig.log.lines(), Texts(2, row.line));
-    }
-}
-
-// Any VIN answer gives CT-56, also for New Holland and Miller; a model number picks its reader,
-// and one not in the table the base reader, passing every reader on the way.
+// Both model detectors ask once a second on the default bus, at INFO, until an answer ends them.
+// Any VIN answer gives CT-56, also for New Holland and Miller; a model number picks its reader, and
+// one not in the table the base reader, passing every reader on the way.
 TEST(CaseModelDetector, VinOrModelNumberPicksReaderThenModel) {
     const char *kCt56 = "CaseCT56PropertyReader", *k3 = "CasePatriotClass3PropertyReader",
                *k4 = "CasePatriotClass4PropertyReader", *kEt = "EtCanPropertyReader",
                *kTrident = "CaseTrident5550CanPropertyReader";
-    const std::map<std::string, Groups> filtersOf = {{kCt56, standardGroups({0xFFEC})},
-                                                     {k3, standardGroups({0xFF12})},
-                                                     {k4, standardGroups({0xFF12})},
-                                                     {kTrident, standardGroups({0xFF12})},
-                                                     {kEt, standardGroups()}};
     const struct {
         const char* user;
         std::uint32_t pgn;
@@ -470,27 +426,29 @@ TEST(CaseModelDetector, VinOrModelNumberPicksReaderThenModel) {
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.user) + " " + std::to_string(row.number));
         Rig rig(std::string("{\"manufacturer\": \"") + row.user + "\"}");
-        rig.identify(*row.user ? -1 : 213);
-        Bytes frame = {0, 0, 0, 0, 0};
-        if (row.number >= 0) {
-            frame.insert(frame.end(), {std::uint8_t(row.number), 0, 0});
-        }
-        rig.can->deliver(kBus0, row.pgn, frame);  // only the arrival of a VIN counts
+        rig.identify(*row.user ? -1 : 213, kBus1);
+        EXPECT_EQ(rig.can->periodicIntervalUs, 1000000);
+        EXPECT_TRUE(rig.can->tick());
+        EXPECT_EQ(rig.can->requests, (Requests{{0xFF7A, kBus1}}));
+        const Bytes frame =
+            row.number < 0 ? Bytes(5, 0) : Bytes{0, 0, 0, 0, 0, std::uint8_t(row.number), 0, 0};
+        rig.can->deliver(kBus1, row.pgn, frame);  // only the arrival of a VIN counts
 
         std::ostringstream line;  // a number cut off reads as 0xff
         line << "INFO Detecting Case model number 0x" << std::hex << (row.number & 0xFF)
              << " from 0xff12 message";
-        Texts expected = {row.pgn == 0xFF7A ? "INFO Detecting Case model from VIN" : line.str()};
-        const Texts passed =
-            row.reader == kEt ? Texts(9, "BaseCanPropertyReader") : Texts{row.reader};
-        for (const auto& state : passed) {
-            expected.push_back(transition(state));
-        }
+        Texts expected = {"INFO Requesting VIN from Case machine",
+                          row.pgn == 0xFF7A ? "INFO Detecting Case model from VIN" : line.str()};
+        const bool base = row.reader == kEt;  // passes every reader on the way
+        expected.insert(expected.end(), base ? 9 : 1,
+                        transition(base ? "BaseCanPropertyReader" : row.reader));
         EXPECT_EQ(rig.log.lines(), expected);
         EXPECT_EQ(rig.current(), row.reader);
         EXPECT_EQ(values(rig.properties->model), row.model ? Texts{row.model} : Texts{});
         // No filter of a passed state is left behind, on any bus, nor its timer.
-        EXPECT_EQ(rig.can->filtersOn(kBus0), filtersOf.at(row.reader));
+        EXPECT_EQ(
+            rig.can->filtersOn(kBus1),
+            standardGroups(base ? Groups{} : Groups{row.reader == kCt56 ? 0xFFECu : 0xFF12u}));
         EXPECT_TRUE(rig.can->filtersOn(kProduct).empty());
         EXPECT_FALSE(rig.can->tick());
         rig.machine->onStop();
@@ -518,17 +476,18 @@ TEST(AgcoModelDetector, IdentificationTextPicksReader) {
         {"A*B9320*x", nullptr}, {"", nullptr},
         // clang-format on
     };
-    // The filters of each outcome on the product bus.
-    const std::map<std::string, Groups> productOf = {
-        {k900, {0xFEFC, 0xFE56}}, {kC, {0xFEFC}}, {kB, {}}, {kGen, {}}, {"", {}}};
     for (const auto& row : rows) {
         const std::string text = row.text;
         SCOPED_TRACE(text);
         Rig rig;
-        rig.identify(102);
-        rig.can->deliver(kBus0, 0xFEEC, Bytes(text.begin(), text.end()));
+        rig.identify(102, kBus1);
+        EXPECT_EQ(rig.can->periodicIntervalUs, 1000000);
+        EXPECT_TRUE(rig.can->tick());
+        EXPECT_EQ(rig.can->requests, (Requests{{0xFEEC, kBus1}}));
+        rig.can->deliver(kBus1, 0xFEEC, Bytes(text.begin(), text.end()));
 
-        Texts expected = {"INFO Detecting Agco model from 0xfeec message",
+        Texts expected = {"INFO Requesting VIN from Agco machine",
+                          "INFO Detecting Agco model from 0xfeec message",
                           "INFO 0xfeec contains \"" + text + "\""};
         if (row.reader) {
             expected.push_back(transition(row.reader));
@@ -537,8 +496,10 @@ TEST(AgcoModelDetector, IdentificationTextPicksReader) {
         EXPECT_EQ(rig.current(), row.reader ? row.reader : kAgcoModel);
         EXPECT_EQ(values(rig.properties->model), row.reader ? Texts{text} : Texts{});
         EXPECT_EQ(rig.can->tick(), row.reader == nullptr);  // asks again until it succeeds
-        EXPECT_EQ(rig.can->filtersOn(kBus0), row.reader ? standardGroups() : Groups{0xFEEC});
-        EXPECT_EQ(rig.can->filtersOn(kProduct), productOf.at(row.reader ? row.reader : ""));
+        EXPECT_EQ(rig.can->filtersOn(kBus1), row.reader ? standardGroups() : Groups{0xFEEC});
+        EXPECT_EQ(rig.can->filtersOn(kProduct), (row.reader == k900 ? Groups{0xFEFC, 0xFE56}
+                                                 : row.reader == kC ? Groups{0xFEFC}
+                                                                    : Groups{}));
         rig.machine->onStop();
         EXPECT_TRUE(rig.can->filters.empty());
     }
@@ -557,33 +518,24 @@ const Enter kGenericReader = &enter<GenericCanPropertyReader>,
             kAgcoC = &enter<AgcoCCanPropertyReader>,
             kAgco900 = &enter<Agco900SeriesCanPropertyReader>;
 
-// The reader runs on the second machine bus, as the bus detector may leave it.
-void startReader(Rig& rig, Enter reader) {
-    rig.machine->onStart(rig.can);
-    rig.can->setDefaultBus(kBus1);
-    reader(*rig.machine);
-}
-
 // Every flag silences its own signal, not the filter: with all set, no frame gives a sample.
-struct Silent : BaseCanPropertyReader {
-    Silent() {
-        for (bool* flag :
-             {&suppressRpm, &suppressPercentLoadAtCurrentSpeed, &suppressPercentLoadOfTotalTorque,
-              &suppressFuelConsumptionRate, &suppressCoolantTemperature, &suppressEngineOilPressure,
-              &suppressEngineOilTemperature, &suppressTransmissionOilTemperature, &suppressDefLevel,
-              &suppressHours, &suppressFuelLevel}) {
-            *flag = true;
-        }
-    }
-    void onManufacturerStart(std::shared_ptr<CanPropertySourceStateMachine>,
-                             std::shared_ptr<CanInterface>) override {}
-    void onManufacturerStop() override {}
-};
-
 TEST(Readers, SuppressedSignalsStaySilent) {
+    struct Silent : BaseCanPropertyReader {
+        Silent() {
+            for (bool* flag : {&suppressRpm, &suppressPercentLoadAtCurrentSpeed,
+                               &suppressPercentLoadOfTotalTorque, &suppressFuelConsumptionRate,
+                               &suppressCoolantTemperature, &suppressEngineOilPressure,
+                               &suppressEngineOilTemperature, &suppressTransmissionOilTemperature,
+                               &suppressDefLevel, &suppressHours, &suppressFuelLevel}) {
+                *flag = true;
+            }
+        }
+        void onManufacturerStart(std::shared_ptr<CanPropertySourceStateMachine>,
+                                 std::shared_ptr<CanInterface>) override {}
+        void onManufacturerStop() override {}
+    } reader;
     Rig rig;
     rig.can->setDefaultBus(kBus1);
-    Silent reader;
     reader.onStart(rig.machine, rig.can);
     for (std::uint32_t pgn : standardGroups()) {
         EXPECT_TRUE(rig.can->deliver(kBus1, pgn, kZeros));
@@ -594,6 +546,7 @@ TEST(Readers, SuppressedSignalsStaySilent) {
     reader.onStop();
 }
 
+// The reader runs on the second machine bus, as the bus detector may leave it.
 TEST(Readers, FrameGivesExactlyTheListedSamples) {
     constexpr std::uint8_t X = 0xFF;  // not available
     const Bus M = kBus1, R = kProduct;
@@ -641,7 +594,9 @@ TEST(Readers, FrameGivesExactlyTheListedSamples) {
     };
     for (const auto& row : rows) {
         Rig rig;
-        startReader(rig, row.reader);
+        rig.machine->onStart(rig.can);
+        rig.can->setDefaultBus(kBus1);
+        row.reader(*rig.machine);
         SCOPED_TRACE(testing::Message()
                      << rig.current() << " " << busName(row.bus) << " 0x" << std::hex << row.pgn);
         rig.can->deliver(row.bus, row.pgn, row.data);

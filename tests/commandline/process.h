@@ -79,22 +79,25 @@ public:
 
     // The exit status, or -1 if the child did not start or exit normally within `timeout`.
     int wait(std::chrono::milliseconds timeout = std::chrono::milliseconds(20000)) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
         int status = 0;
-        while (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) != pid_) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        const bool exited = pid_ > 0 && WIFEXITED(status);
-        pid_ = -1;
-        return exited ? WEXITSTATUS(status) : -1;
+        const bool exited =
+            pid_ > 0 && poll([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
+        pid_ = exited ? -1 : pid_;
+        return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     // True once standard output holds `text`, within `timeout`.
     bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+        return poll([&] { return out().find(text) != std::string::npos; }, timeout);
+    }
+
+    std::string out() const { return readFile(dir_ / "1"); }
+    std::string err() const { return readFile(dir_ / "2"); }
+
+private:
+    template <typename Done>
+    static bool poll(Done done, std::chrono::milliseconds timeout) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (out().find(text) == std::string::npos) {
+        while (!done()) {
             if (std::chrono::steady_clock::now() > deadline) {
                 return false;
             }
@@ -103,10 +106,6 @@ public:
         return true;
     }
 
-    std::string out() const { return readFile(dir_ / "1"); }
-    std::string err() const { return readFile(dir_ / "2"); }
-
-private:
     TempDir dir_;
     pid_t pid_ = -1;
 };

@@ -19,13 +19,11 @@ namespace {
 
 // The ARMv7 board has 32-bit time_t and long: a run there proves the rest under them.
 TEST(Time32, TheBoardBuildIsA32BitOne) {
-#if defined(__arm__)
-    EXPECT_EQ(sizeof(std::time_t), 4u);
-    EXPECT_EQ(sizeof(long), 4u);
-    EXPECT_EQ(sizeof(void*), 4u);
-#else
+#if !defined(__arm__)
     GTEST_SKIP() << "not the board's architecture";
 #endif
+    EXPECT_EQ((std::vector<std::size_t>{sizeof(std::time_t), sizeof(long), sizeof(void*)}),
+              std::vector<std::size_t>(3, 4));
 }
 
 // Telemetry times are milliseconds narrowed through signed 32 bits, so they jump from
@@ -34,12 +32,12 @@ TEST(Time32, TheBoardBuildIsA32BitOne) {
 // jump falls between the opening and a sample, the record is the same as far from any wrap.
 TEST(Time32, IntervalsAroundTheNarrowedWrap) {
     namespace agg = telemalog::aggregation;
+    const auto narrowed = [](std::int64_t ms) {
+        return std::int64_t(std::int32_t(std::uint32_t(ms)));
+    };
     // Offsets from the opening in milliseconds, with values.
     const std::pair<int, double> samples[] = {{100, 10.0}, {600, 30.0}, {1500, 20.0}, {1900, 50.0}};
     const auto closeFrom = [&](std::int64_t opening) {
-        const auto narrowed = [](std::int64_t ms) {
-            return static_cast<std::int64_t>(static_cast<std::int32_t>(std::uint32_t(ms)));
-        };
         telemalog::Manager manager(std::vector<telemalog::Sink*>{}, [] { return 0; });
         const std::uint32_t id = manager.openInterval(
             "machineTelematics",
@@ -85,13 +83,8 @@ TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
     static std::uint32_t now = 0;
     const auto saved = Stack::Timestamp_ms;
     Stack::Timestamp_ms = [] { return now; };
-    const struct {
-        std::uint32_t start;
-        std::uint32_t now;
-        std::uint32_t wait;
-        bool elapsed;
-        std::uint32_t since;
-    } rows[] = {
+    const std::uint32_t rows[][5] = {
+        // start, now, wait, whether it has elapsed, milliseconds since the start
         {1000, 1249, 250, false, 249},
         {1000, 1250, 250, true, 250},
         {0xFFFFFFA0u, 0xFFFFFFFFu, 250, false, 95},
@@ -100,10 +93,10 @@ TEST(Time32, StackWaitsEndOnTimeAcrossTheMillisecondWrap) {
         {0xFFFFFFFFu, 0x00000000u, 1, true, 1},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.now);
-        now = row.now;
-        EXPECT_EQ(Stack::timeElapsed(row.start, row.wait), row.elapsed);
-        EXPECT_EQ(Stack::timeElapsed(row.start), row.since);
+        SCOPED_TRACE(row[1]);
+        now = row[1];
+        EXPECT_EQ(Stack::timeElapsed(row[0], row[2]), row[3] != 0);
+        EXPECT_EQ(Stack::timeElapsed(row[0]), row[4]);
     }
     Stack::Timestamp_ms = saved;
 }
@@ -118,9 +111,9 @@ TEST(Time32, PropertiesAndTelemetryNarrowAlike) {
         {4294967301000000, 5},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(narrowedMilliseconds(row.first), row.second) << row.first;
-        EXPECT_EQ(telemalog::narrowTimestamp(std::chrono::nanoseconds(row.first)), row.second)
-            << row.first;
+        SCOPED_TRACE(row.first);
+        EXPECT_EQ(narrowedMilliseconds(row.first), row.second);
+        EXPECT_EQ(telemalog::narrowTimestamp(std::chrono::nanoseconds(row.first)), row.second);
     }
 }
 
