@@ -13,8 +13,7 @@ TEST(StopPath, TheServiceExitsWithZeroOnSigint) {
     }
     cantest::Child service({TILTHWATCH_SERVICE});
     ASSERT_TRUE(cantest::eventually([&] { return cantest::tryPort(4499, true); }));
-    service.signal(SIGINT);
-    EXPECT_TRUE(service.exitsWithZero(std::chrono::milliseconds(3000)));
+    EXPECT_TRUE(service.exitsWithZeroOn(SIGINT, std::chrono::milliseconds(3000)));
 }
 
 }  // namespace

@@ -73,15 +73,24 @@ inline bool tryPort(int port, bool connect) {
     return ok;
 }
 
-// A frame the service wrote.
+// A frame the service wrote: channel, identifier word (bit 31 for 29 bits) and data.
 struct Frame {
     std::string channel;
-    std::uint32_t id;  // the identifier word as written, bit 31 for 29 bits
+    std::uint32_t id;
     Bytes data;
 
     std::uint32_t pgn() const {
         const std::uint32_t pgn = (id >> 8) & 0x3FFFFu;
         return ((id >> 16) & 0xFFu) < 0xF0u ? (pgn & 0x3FF00u) : pgn;
+    }
+    // "98EAFFFE 00EE00": one comparison checks identifier and data.
+    std::string text() const {
+        char out[12];
+        std::string result(out, std::snprintf(out, sizeof out, "%08X ", id));
+        for (const std::uint8_t byte : data) {
+            result.append(out, std::snprintf(out, sizeof out, "%02X", byte));
+        }
+        return result;
     }
 };
 
@@ -146,11 +155,15 @@ public:
 
     // Writes one record. `length` defaults to the data's size and may lie, as on a real bus.
     void send(const std::string& channel, std::uint32_t id, const Bytes& data, int length = -1) {
+        const can_frame frame = record(id, data, length);
+        sendRaw(channel, &frame, sizeof frame);
+    }
+    static can_frame record(std::uint32_t id, const Bytes& data, int length = -1) {
         can_frame frame{};
         frame.can_id = id;
         frame.can_dlc = static_cast<std::uint8_t>(length < 0 ? data.size() : length);
         std::memcpy(frame.data, data.data(), std::min<std::size_t>(data.size(), 8));
-        sendRaw(channel, &frame, sizeof frame);
+        return frame;
     }
     void sendRaw(const std::string& channel, const void* bytes, std::size_t size) {
         const auto end = ends_.find(channel);
@@ -159,20 +172,20 @@ public:
         }
     }
 
-    std::vector<Frame> frames() const {
+    // The texts of the frames of one group on one channel.
+    std::vector<std::string> frames(const std::string& channel, std::uint32_t pgn) const {
         std::lock_guard<std::mutex> lock(mutex_);
-        return frames_;
+        std::vector<std::string> texts;
+        for (const Frame& frame : frames_) {
+            if (frame.channel == channel && frame.pgn() == pgn) {
+                texts.push_back(frame.text());
+            }
+        }
+        return texts;
     }
-    std::vector<Frame> frames(const std::string& channel, std::uint32_t pgn) const {
-        std::vector<Frame> all = frames();
-        all.erase(
-            std::remove_if(all.begin(), all.end(),
-                           [&](const Frame& f) { return f.channel != channel || f.pgn() != pgn; }),
-            all.end());
-        return all;
-    }
-    bool waitForFrame(const std::string& channel, std::uint32_t pgn) const {
-        return eventually([&] { return !frames(channel, pgn).empty(); });
+    // Waits until at least `count` frames of the group came on the channel.
+    bool waitForFrame(const std::string& channel, std::uint32_t pgn, std::size_t count = 1) const {
+        return eventually([&] { return frames(channel, pgn).size() >= count; });
     }
     // True once the service has closed its end of the channel.
     bool closedByService(const std::string& channel) const {
@@ -252,9 +265,9 @@ public:
         }
     }
 
-    void signal(int number) { ::kill(pid_, number); }
-    // True once the child exited within `timeout` with status 0.
-    bool exitsWithZero(milliseconds timeout) {
+    // True once the child, sent `number`, exited within `timeout` with status 0.
+    bool exitsWithZeroOn(int number, milliseconds timeout) {
+        ::kill(pid_, number);
         int status = 0;
         const bool exited =
             eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);

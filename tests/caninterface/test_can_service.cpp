@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <cstdio>
 #include <fstream>
 #include <tuple>
@@ -15,9 +17,9 @@
 using cantest::Bytes;
 using cantest::eventually;
 using cantest::extendedId;
-
 using cantest::littleEndian;
 using std::chrono::milliseconds;
+using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -25,16 +27,27 @@ const std::vector<std::string> kChannels = {"can2", "can3", "can1"};
 constexpr std::uint32_t kPostPgn = 0xFF99;  // runs posted work on the CAN main thread
 const Bytes kEight = {1, 2, 3, 4, 5, 6, 7, 8};
 
-// A running service and its application, which counts starts and stops and runs posted work
-// on the CAN main thread.
+// A running service on `channels` and its application, which counts starts and stops and runs
+// posted work on the CAN main thread. `piped` is the read end of a pipe: no socket, not writable.
 struct ServiceRig : CanApplication_i {
-    explicit ServiceRig(const std::vector<std::string>& open = kChannels) : peers(open) {
+    explicit ServiceRig(const Texts& open = kChannels, const Texts& channels = kChannels,
+                        const std::string& piped = "")
+        : peers(open) {
+        (void)!::pipe2(pipe, O_CLOEXEC);
+        service = std::make_shared<CanInterfaceImplementation>(
+            [this, piped, opener = peers.opener()](const std::string& name) {
+                return name == piped ? std::exchange(pipe[0], -1) : opener(name);
+            });
         // The rig outlives the service's threads: it hands over no ownership.
-        service->start(std::shared_ptr<CanApplication_i>(this, [](CanApplication_i*) {}),
-                       kChannels);
-        EXPECT_TRUE(peers.attach("", "can3"));
+        service->start(std::shared_ptr<CanApplication_i>(this, [](CanApplication_i*) {}), channels);
+        EXPECT_TRUE(peers.attach("", "can2"));
     }
-    ~ServiceRig() override { service->stop(); }
+    ~ServiceRig() override {
+        service->stop();
+        for (const int end : pipe) {
+            ::close(end);
+        }
+    }
 
     void onStart(std::shared_ptr<CanInterface> service) override {
         can = std::move(service);
@@ -52,8 +65,7 @@ struct ServiceRig : CanApplication_i {
         ++stops;
         can.reset();
     }
-    // Runs `work` on the CAN main thread and waits for it. The filter stands once the stack has
-    // started: the trigger repeats until it runs.
+    // Runs `work` on the CAN main thread and waits for it; the trigger repeats until it runs.
     void onCanThread(std::function<void(CanInterface&)> work) {
         {
             std::lock_guard<std::mutex> lock(mutex);
@@ -65,10 +77,19 @@ struct ServiceRig : CanApplication_i {
             return !posted;
         })) << "the CAN main thread never ran the work";
     }
+    // Waits until `size` on the CAN main thread reaches `count`; gives the last size seen.
+    std::size_t waitForCount(std::function<std::size_t()> size, std::size_t count) {
+        std::size_t seen = 0;
+        eventually([&] {
+            onCanThread([&](CanInterface&) { seen = size(); });
+            return seen >= count;
+        });
+        return seen;
+    }
 
     cantest::Peers peers;
-    std::shared_ptr<CanInterfaceImplementation> service =
-        std::make_shared<CanInterfaceImplementation>(peers.opener());
+    int pipe[2] = {-1, -1};
+    std::shared_ptr<CanInterfaceImplementation> service;
     std::shared_ptr<CanInterface> can;
     std::atomic<int> starts{0};
     std::atomic<int> stops{0};
@@ -77,15 +98,14 @@ struct ServiceRig : CanApplication_i {
 };
 
 // Each watcher asks for claims from the null address, then claims 37; a claim holds after
-// 250 ms without contention, and the default-bus query follows the default bus.
+// 250 ms without contention, and the default-bus query follows the default bus. One periodic
+// callback at a time; a faster one replacing a slow one is not held back by the old timer.
 TEST(CanService, WatchersClaimAndTheBusesAreQueried) {
     ServiceRig rig;
     for (const char* channel : {"can2", "can3"}) {
         ASSERT_TRUE(rig.peers.waitForFrame(channel, 0xEE00)) << channel;
-        const cantest::Frame request = rig.peers.frames(channel, 0xEA00).at(0);
-        EXPECT_EQ(request.id, 0x98EAFFFEu) << channel;
-        EXPECT_EQ(request.data, (Bytes{0x00, 0xEE, 0x00})) << channel;
-        EXPECT_EQ(rig.peers.frames(channel, 0xEE00)[0].id, 0x98EEFF25u) << channel;
+        EXPECT_EQ(rig.peers.frames(channel, 0xEA00).at(0), "98EAFFFE 00EE00") << channel;
+        EXPECT_EQ(rig.peers.frames(channel, 0xEE00)[0].substr(0, 8), "98EEFF25") << channel;
     }
     bool claimed = false;
     EXPECT_TRUE(eventually(
@@ -113,16 +133,8 @@ TEST(CanService, WatchersClaimAndTheBusesAreQueried) {
     EXPECT_TRUE(eventually([&] { return ask({7, 70}); }, milliseconds(2000)));
     EXPECT_FALSE(ask({102}));
     EXPECT_FALSE(ask({}));
-    rig.service->stop();
-    EXPECT_EQ(rig.starts, 1);
-    EXPECT_EQ(rig.stops, 1);
-}
 
-// One periodic callback at a time. Replacing a slow one by a faster one is not held back by
-// the old interval's timer.
-TEST(CanService, AShorterIntervalTakesEffectAtOnce) {
     std::atomic<int> fastRuns{0};
-    ServiceRig rig;
     rig.onCanThread([](CanInterface& can) { can.setPeriodicCallback([] {}, 60000000); });
     rig.onCanThread([&](CanInterface& can) {
         EXPECT_FALSE(can.setPeriodicCallback([] {}, 1000));
@@ -131,13 +143,15 @@ TEST(CanService, AShorterIntervalTakesEffectAtOnce) {
         EXPECT_TRUE(can.setPeriodicCallback([&] { ++fastRuns; }, 50000));
     });
     EXPECT_TRUE(eventually([&] { return fastRuns >= 2; }, milliseconds(2000)));
+    rig.service->stop();
+    EXPECT_EQ(rig.starts, 1);
+    EXPECT_EQ(rig.stops, 1);
 }
 
-// Records what the stack makes of each frame on can1: identifier word (bit 31 for 29 bits),
-// validity, and the data of a valid frame. On the CAN main thread only.
+// What the stack makes of each frame on one channel: identifier word, validity, valid data.
 struct RecordingFilter : FilteredMessageMatchingCallbackClass, ReceiveCANMessageCallbackClass {
-    RecordingFilter() {
-        setChannel(2);
+    explicit RecordingFilter(std::uint8_t channel) {
+        setChannel(channel);
         addCallback(static_cast<ReceiveCANMessageCallbackClass*>(this));
     }
     void receiveCANMessage(CANMessageClass* message) override {
@@ -148,10 +162,14 @@ struct RecordingFilter : FilteredMessageMatchingCallbackClass, ReceiveCANMessage
     std::vector<std::tuple<std::uint32_t, bool, Bytes>> seen;
 };
 
+// can3 is a pipe, read one record at a time, where the watcher's frames cannot be written.
 TEST(CanService, IdentifierWordsBecomeExtendedOrStandardFrames) {
-    ServiceRig rig;
-    RecordingFilter* filter = nullptr;
-    rig.onCanThread([&](CanInterface&) { filter = new RecordingFilter; });
+    ServiceRig rig({"can2", "can1"}, kChannels, "can3");
+    RecordingFilter* filters[3] = {};
+    rig.onCanThread([&](CanInterface&) {
+        filters[1] = new RecordingFilter(1);
+        filters[2] = new RecordingFilter(2);
+    });
     const struct {
         std::uint32_t sent;
         int length;
@@ -166,24 +184,31 @@ TEST(CanService, IdentifierWordsBecomeExtendedOrStandardFrames) {
         {0x7FFFFFFFu, 3, 0x7FFu, true},
         {0x00000123u, 9, 0x123u, false},  // the length byte as it came: the stack refuses it
     };
-    std::vector<std::tuple<std::uint32_t, bool, Bytes>> expected;
+    decltype(RecordingFilter::seen) expected;
     rig.peers.sendRaw("can1", "", 0);  // an empty record is no frame
     for (const auto& row : rows) {
         rig.peers.send("can1", row.sent, kEight, row.length);
         expected.emplace_back(row.word, row.valid,
                               Bytes(kEight.begin(), kEight.begin() + (row.valid ? row.length : 0)));
     }
-    std::vector<std::tuple<std::uint32_t, bool, Bytes>> seen;
-    EXPECT_TRUE(eventually([&] {
-        rig.onCanThread([&](CanInterface&) { seen = filter->seen; });
-        return seen.size() >= std::size(rows);
-    }));
-    EXPECT_EQ(seen, expected);
-    rig.onCanThread([&](CanInterface&) { delete filter; });
+    for (const auto& row : {rows[0], rows[5]}) {
+        const can_frame frame = cantest::Peers::record(row.sent, kEight, row.length);
+        EXPECT_EQ(::write(rig.pipe[1], &frame, sizeof frame), 16);
+    }
+    decltype(RecordingFilter::seen) seen[3];
+    rig.waitForCount([&] { return filters[1]->seen.size() + filters[2]->seen.size(); }, 9);
+    rig.onCanThread([&](CanInterface&) {
+        for (const int channel : {1, 2}) {
+            seen[channel] = filters[channel]->seen;
+            delete filters[channel];
+        }
+    });
+    EXPECT_EQ(seen[2], expected);
+    EXPECT_EQ(seen[1], (decltype(expected){expected[0], expected[5]}));
 }
 
 // Completion callbacks of the frames sent from a filter callback, on the CAN main thread.
-std::vector<std::string> events;
+Texts events;
 std::thread::id canThread;
 void noteCompletion(CANCallbackClass* callback) {
     events.push_back(std::string(callback->isSuccess() ? "done" : "failed") +
@@ -191,7 +216,7 @@ void noteCompletion(CANCallbackClass* callback) {
 }
 
 TEST(CanService, AnImmediateFrameCompletesBeforeTheSendReturnsAQueuedOneLater) {
-    ServiceRig rig({"can2", "can3"});
+    ServiceRig rig({"can2", "can3"}, {"can2", "can3"});
     const auto send = [](const char* what, std::uint32_t id, std::uint8_t channel, bool now) {
         events.push_back(what + std::string(" ") +
                          std::to_string(NetworkManagementClass::sendStandardMessage(
@@ -201,26 +226,17 @@ TEST(CanService, AnImmediateFrameCompletesBeforeTheSendReturnsAQueuedOneLater) {
         canThread = std::this_thread::get_id();
         send("immediate", 0x123, 0, true);
         send("queued", 0x124, 0, false);
-        send("unopened", 0x125, 2, false);  // can1: each of the ten attempts reports
+        send("no channel", 0x125, 2, false);  // each of the ten attempts reports
     });
-    std::size_t seen = 0;
-    ASSERT_TRUE(eventually(
-        [&] {
-            rig.onCanThread([&](CanInterface&) { seen = events.size(); });
-            return seen >= 15;
-        },
-        milliseconds(5000)));
+    ASSERT_GE(rig.waitForCount([] { return events.size(); }, 15), 15u);
     std::this_thread::sleep_for(milliseconds(50));  // ten failures, and not one more
     rig.service->stop();
-    ASSERT_EQ(events.size(), 15u);
-    EXPECT_EQ(std::vector<std::string>(events.begin(), events.begin() + 4),
-              (std::vector<std::string>{"done", "immediate 0", "queued 0", "unopened 0"}));
-    EXPECT_EQ(std::count(events.begin() + 4, events.end(), "done"), 1);
-    EXPECT_EQ(std::count(events.begin() + 4, events.end(), "failed"), 10);
-    const std::vector<cantest::Frame> written = rig.peers.frames("can2", 0);  // standard frames
-    ASSERT_EQ(written.size(), 2u);
-    EXPECT_EQ(written[0].id, 0x123u);
-    EXPECT_EQ(written[1].id, 0x124u);
+    Texts expected = {"done", "immediate 0", "queued 0", "no channel 0", "done"};
+    expected.resize(15, "failed");
+    std::sort(events.begin() + 4, events.end());  // the queued frame's result comes any time
+    EXPECT_EQ(events, expected);
+    EXPECT_EQ(rig.peers.frames("can2", 0),  // standard frames
+              (Texts{"00000123 0102030405060708", "00000124 0102030405060708"}));
 }
 
 // Every refusal of the contract, on the CAN main thread. A filter takes only the frames of its
@@ -228,7 +244,7 @@ TEST(CanService, AnImmediateFrameCompletesBeforeTheSendReturnsAQueuedOneLater) {
 // the pool; the sender's NAME tells the manufacturer, and one that never claimed has none.
 TEST(CanService, FiltersAndQueriesFollowTheContract) {
     ServiceRig rig;
-    std::vector<std::string> delivered;
+    Texts delivered;
     Bytes longest;
     const auto to = [&](const char* name) {
         return [&delivered, &longest, name](const PgnMessage& message) {
@@ -288,18 +304,13 @@ TEST(CanService, FiltersAndQueriesFollowTheContract) {
     payload.resize(150);
     rig.peers.send("can2", extendedId(6, 0xFF20, 0x30), {1, 2});
     // The transfer completes in the stack's update, which may come after the short frame.
-    std::size_t count = 0;
-    EXPECT_TRUE(eventually([&] {
-        rig.onCanThread([&](CanInterface&) { count = delivered.size(); });
-        return count >= 4;
-    }));
+    EXPECT_GE(rig.waitForCount([&] { return delivered.size(); }, 4), 4u);
     rig.service->stop();
     std::sort(delivered.begin() + 2, delivered.end());
     EXPECT_EQ(errorOutput, "Error: No machine bus selected, failed to send global pgn request\n");
     // Group 0xFF10 is 65296, 0xFF20 65312.
-    EXPECT_EQ(delivered,
-              (std::vector<std::string>{"first 65296 8 -1", "first 65296 3 -1",
-                                        "long 65312 150 102 source", "long 65312 2 -1"}));
+    EXPECT_EQ(delivered, (Texts{"first 65296 8 -1", "first 65296 3 -1", "long 65312 150 102 source",
+                                "long 65312 2 -1"}));
     EXPECT_EQ(longest, payload);
 }
 
@@ -330,9 +341,8 @@ TEST(DeviceRegistration, SerialNumberGivesTheIdentity) {
         EXPECT_EQ(MachineBusWatcherControlFunction::watcherNAME().getIdentityNumber(),
                   row.identity);
         EXPECT_EQ(log.errors(), row.content
-                                    ? std::vector<std::string>{}
-                                    : std::vector<std::string>{
-                                          "Cannot read the device registration file " + path});
+                                    ? Texts{}
+                                    : Texts{"Cannot read the device registration file " + path});
         std::remove(path.c_str());
     }
 }

@@ -23,7 +23,6 @@ namespace {
 using namespace aggregation;
 using Text = std::string;
 const Value E;  // empty
-const char kFive[] = "5";
 
 // Entries as "key=text" in order, for exact checks of whole records. A computed NaN prints
 // with a sign on some targets only.
@@ -45,7 +44,7 @@ TEST(Value, ConvertsAndOrdersAsTabled) {
         {0, "0 0 0 0"},
         {0.0, "0 0 0 0.000000"},
         {-1.9, "1 -1 -1.9 -1.900000"},
-        {kFive, "1 1 1 true"},  // a const char* is a flag: its text is never read
+        {static_cast<const char*>("5"), "1 1 1 true"},  // a flag: its text is never read
         {static_cast<const char*>(nullptr), "0 0 0 false"},
         {std::vector<int>{}, "0 0 0 []"},                   // only the presence of elements counts
         {std::vector<double>{1.5, 2.0}, "1 0 0 [1.5, 2]"},  // elements not printed by "%f"
